@@ -1,0 +1,62 @@
+#pragma once
+// Plain row-major image: the tracker-side container. It reallocates only when its size
+// changes, so buffers handed out as views stay put from frame to frame.
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <memory>
+
+namespace op {
+
+template <typename T>
+class Image {
+ public:
+  Image() = default;
+  Image(uint32_t width, uint32_t height) { resize(width, height); }
+
+  Image(Image&&) noexcept = default;
+  Image& operator=(Image&&) noexcept = default;
+  Image(const Image& other) { *this = other; }
+  Image& operator=(const Image& other) {
+    if (this != &other) {
+      resize(other.width_, other.height_);
+      if (size() != 0) std::memcpy(data_.get(), other.data_.get(), byte_size());
+    }
+    return *this;
+  }
+
+  // Contents are undefined after a size change.
+  void resize(uint32_t width, uint32_t height) {
+    if (width == width_ && height == height_ && data_) return;
+    width_ = width;
+    height_ = height;
+    data_ = size() != 0 ? std::make_unique_for_overwrite<T[]>(size()) : nullptr;
+  }
+
+  void fill(const T& value) {
+    for (size_t i = 0; i < size(); ++i) data_[i] = value;
+  }
+
+  uint32_t width() const { return width_; }
+  uint32_t height() const { return height_; }
+  size_t size() const { return size_t{width_} * height_; }
+  size_t byte_size() const { return size() * sizeof(T); }
+  bool empty() const { return size() == 0; }
+
+  T* data() { return data_.get(); }
+  const T* data() const { return data_.get(); }
+  T& operator[](size_t i) { return data_[i]; }
+  const T& operator[](size_t i) const { return data_[i]; }
+  T& at(uint32_t x, uint32_t y) { return data_[size_t{y} * width_ + x]; }
+  const T& at(uint32_t x, uint32_t y) const { return data_[size_t{y} * width_ + x]; }
+  T* row(uint32_t y) { return data_.get() + size_t{y} * width_; }
+  const T* row(uint32_t y) const { return data_.get() + size_t{y} * width_; }
+
+ private:
+  std::unique_ptr<T[]> data_;
+  uint32_t width_ = 0;
+  uint32_t height_ = 0;
+};
+
+}  // namespace op
