@@ -276,7 +276,8 @@ float lowest_foot_point(const BodyDims& d, const Skeleton& k) {
 
 float ground_offset(const BodyDims& d, const Skeleton& k, const Pose& p) {
   const float standing = -lowest_foot_point(d, k);
-  const float seated = p.seatHeight + d.thighR0 * 0.8f - std::min(k.hip[0].y, k.hip[1].y);
+  // Long shins rest on the floor and lift the hips off a low seat.
+  const float seated = std::max(standing, p.seatHeight + d.thighR0 * 0.8f - std::min(k.hip[0].y, k.hip[1].y));
   return standing + (seated - standing) * p.seat;
 }
 

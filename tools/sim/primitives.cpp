@@ -326,14 +326,16 @@ void rasterize(const PreparedPrimitive& p, int32_t index, const PixelRect& r, ui
 bool contains(const Primitive& p, Vec3 q) {
   switch (p.kind) {
     case PrimitiveKind::RoundCone: {
-      // The hull of two balls is the union of the balls that interpolate them.
-      for (int i = 0; i <= 2000; ++i) {
-        const float s = static_cast<float>(i) / 2000.f;
-        const Vec3 c = lerp(p.a, p.b, s);
-        const float r = p.ra + (p.rb - p.ra) * s;
-        if (length(q - c) <= r) return true;
+      // The hull of two balls is the union of the balls that interpolate them; the margin
+      // |q - c(s)| - r(s) is convex in s, so a ternary search finds its minimum.
+      auto margin = [&](float s) { return length(q - lerp(p.a, p.b, s)) - (p.ra + (p.rb - p.ra) * s); };
+      float lo = 0.f, hi = 1.f;
+      for (int i = 0; i < 60; ++i) {
+        const float m1 = lo + (hi - lo) / 3.f, m2 = hi - (hi - lo) / 3.f;
+        if (margin(m1) < margin(m2)) hi = m2;
+        else lo = m1;
       }
-      return false;
+      return std::min({margin(0.f), margin(1.f), margin(0.5f * (lo + hi))}) <= 0.f;
     }
     case PrimitiveKind::Ellipsoid: {
       float s = 0;

@@ -263,7 +263,7 @@ void Renderer::apply_sensor(int index, Frame& out) {
           if (len > 0) {
             const float c = std::fabs(dot(nrm, dirs_[i])) / len;
             if (c < sensor_.grazingCos) drop = 1.f;
-            else if (c < sensor_.grazingCos + 0.15f) drop = 0.5f * (1.f - (c - sensor_.grazingCos) / 0.15f);
+            else if (c < 2.f * sensor_.grazingCos) drop = 0.35f * (2.f - c / sensor_.grazingCos);
           }
         }
         if (drop > 0.f && unit(r) < drop) scratch_[i] = 1;

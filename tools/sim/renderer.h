@@ -51,7 +51,7 @@ struct SensorOptions {
   float shiftNoise = 0.2f;     // standard deviation in shift units
   float edgeDropFar = 0.5f;    // probability of losing a pixel on the far side of a depth edge
   float edgeDropNear = 0.15f;  // ... on the near side
-  float grazingCos = 0.12f;    // below this cosine of incidence a pixel is lost
+  float grazingCos = 0.09f;    // below this cosine of incidence a pixel is lost, up to twice it sometimes
   skeleton::ShiftConversionParams shift;  // the sensor tables depths are quantised through
 };
 
