@@ -131,22 +131,20 @@ PreparedPrimitive prepare(const Primitive& p) {
         q.k[0] = dot(o, o) - 1.f;
         return q;
       }
-      const Vec3 oa = -p.a, ob = -p.b;
-      const float m1 = dot(ba, oa), m5 = dot(oa, oa), m7 = dot(ob, ob);
-      const float d2 = m0 - rr * rr;
-      q.v[0] = ba;
-      q.v[1] = oa;
-      q.v[2] = ob;
+      // dk: b - a, -a, -b, then (b - a).(-a), |a|^2, |b|^2; k: ra, rb, ra - rb, k[8] camera inside.
+      const double bx = double{p.b.x} - p.a.x, by = double{p.b.y} - p.a.y, bz = double{p.b.z} - p.a.z;
+      const double ax = -double{p.a.x}, ay = -double{p.a.y}, az = -double{p.a.z};
+      const double cx = -double{p.b.x}, cy = -double{p.b.y}, cz = -double{p.b.z};
+      const double dm1 = bx * ax + by * ay + bz * az;
+      const double dm5 = ax * ax + ay * ay + az * az;
+      const double dm7 = cx * cx + cy * cy + cz * cz;
+      const double drr = double{ra} - rb;
+      const double dk[12] = {bx, by, bz, ax, ay, az, cx, cy, cz, dm1, dm5, dm7};
+      std::copy(dk, dk + 12, q.dk);
       q.k[0] = ra;
       q.k[1] = rb;
-      q.k[2] = rr;
-      q.k[3] = m1;
-      q.k[4] = m5;
-      q.k[5] = m7;
-      q.k[6] = d2;
-      q.k[7] = d2 * m5 - m1 * m1 + m1 * rr * ra * 2.f - m0 * ra * ra;  // k0
-      // Inside either end sphere or the body: skip (the camera never sits in a person).
-      q.k[8] = (m5 < ra * ra || m7 < rb * rb) ? 1.f : 0.f;
+      q.k[2] = static_cast<float>(drr);
+      q.k[8] = (dm5 < double{ra} * ra || dm7 < double{rb} * rb) ? 1.f : 0.f;
       return q;
     }
     case PrimitiveKind::Ellipsoid: {
@@ -183,28 +181,35 @@ PreparedPrimitive prepare(const Primitive& p) {
 
 namespace {
 
-inline float hit_round_cone(const PreparedPrimitive& p, Vec3 rd) {
-  // Convex hull of two spheres; after the analytic form of the rounded cone.
-  const Vec3 ba = p.v[0], oa = p.v[1], ob = p.v[2];
-  const float ra = p.k[0], rb = p.k[1], rr = p.k[2], m1 = p.k[3], m5 = p.k[4], m7 = p.k[5], d2 = p.k[6],
-              k0 = p.k[7];
+inline float hit_round_cone(const PreparedPrimitive& p, Vec3 dir) {
+  // Convex hull of two spheres; after the analytic form of the rounded cone, in double
+  // because a ray almost along the axis leaves only a tiny difference of large terms.
   if (p.k[8] != 0.f) return kNoHit;
-  const float m2 = dot(ba, rd), m3 = dot(rd, oa), m6 = dot(ob, rd);
-  const float k2 = d2 - m2 * m2;
-  const float k1 = d2 * m3 - m1 * m2 + m2 * rr * ra;
-  const float h = k1 * k1 - k0 * k2;
-  if (h < 0.f) return kNoHit;
-  if (k2 != 0.f) {
-    const float t = (-std::sqrt(h) - k1) / k2;
-    const float y = m1 - ra * rr + t * m2;
-    if (y > 0.f && y < d2) return t > 0.f ? t : kNoHit;
+  const double ra = p.k[0], rb = p.k[1], rr = p.k[2];
+  const double rx = dir.x, ry = dir.y, rz = dir.z;
+  const double* v = p.dk;
+  const double m1 = v[9], m5 = v[10], m7 = v[11];
+  const double m0 = v[0] * v[0] + v[1] * v[1] + v[2] * v[2];
+  const double d2 = m0 - rr * rr;
+  const double m2 = v[0] * rx + v[1] * ry + v[2] * rz;
+  const double m3 = rx * v[3] + ry * v[4] + rz * v[5];
+  const double m6 = v[6] * rx + v[7] * ry + v[8] * rz;
+  const double k2 = d2 - m2 * m2;
+  const double k1 = d2 * m3 - m1 * m2 + m2 * rr * ra;
+  const double k0 = d2 * m5 - m1 * m1 + m1 * rr * ra * 2.0 - m0 * ra * ra;
+  const double h = k1 * k1 - k0 * k2;
+  if (h < 0.0) return kNoHit;
+  if (k2 != 0.0) {
+    const double t = (-std::sqrt(h) - k1) / k2;
+    const double y = m1 - ra * rr + t * m2;
+    if (y > 0.0 && y < d2) return t > 0.0 ? static_cast<float>(t) : kNoHit;
   }
-  const float h1 = m3 * m3 - m5 + ra * ra;
-  const float h2 = m6 * m6 - m7 + rb * rb;
-  float best = kNoHit;
-  if (h1 > 0.f) best = -m3 - std::sqrt(h1);
-  if (h2 > 0.f) best = std::min(best, -m6 - std::sqrt(h2));
-  return best > 0.f ? best : kNoHit;
+  const double h1 = m3 * m3 - m5 + ra * ra;
+  const double h2 = m6 * m6 - m7 + rb * rb;
+  double best = 1e30;
+  if (h1 > 0.0) best = -m3 - std::sqrt(h1);
+  if (h2 > 0.0) best = std::min(best, -m6 - std::sqrt(h2));
+  return best > 0.0 && best < 1e30 ? static_cast<float>(best) : kNoHit;
 }
 
 inline float hit_ellipsoid(const PreparedPrimitive& p, Vec3 d) {

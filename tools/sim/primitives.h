@@ -66,6 +66,7 @@ struct PreparedPrimitive {
   PrimitiveKind kind;
   Vec3 v[4];   // kind-specific vectors
   float k[10]; // kind-specific scalars
+  double dk[12];  // round cones: the quadric's terms cancel heavily, so they are kept in double
 };
 PreparedPrimitive prepare(const Primitive& p);
 

@@ -1,0 +1,438 @@
+#include "renderer.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <set>
+
+#include "scene.h"
+
+namespace quorvik::sim {
+namespace {
+
+constexpr int kLeftHand = 4, kRightHand = 7;
+
+struct SceneSpec {
+  uint32_t width = 320;
+  bool mirrored = false;
+  bool person = true;
+  bool cabinet = false;
+  float wallDepth = 5000.f;
+  float personDepth = 3000.f;
+};
+
+// A level camera 1.2 m above the floor looking along +z into a bare room.
+Scenario test_scene(const SceneSpec& s) {
+  ScenarioOptions o;
+  o.name = "test";
+  o.width = s.width;
+  o.height = s.width * 3 / 4;
+  o.frames = 10;
+  o.mirrored = s.mirrored;
+  CameraSetup cam;
+  cam.width = o.width;
+  cam.height = o.height;
+  cam.position = {0, 1200, 0};
+  cam.mirrored = s.mirrored;
+  Room room;
+  room.x0 = -4000;
+  room.x1 = 4000;
+  room.z0 = -500;
+  room.z1 = s.wallDepth;
+  room.height = 3000;
+  if (s.cabinet) {
+    Furniture f;
+    f.kind = FurnitureKind::Cabinet;
+    f.size = {600, 1800, 400};
+    f.x = 0;
+    f.z = 2500;
+    room.furniture.push_back(f);
+  }
+  std::vector<Actor> actors;
+  if (s.person) {
+    Actor a;
+    a.id = 1;
+    a.shape.hair = Hair::Short;
+    a.timeline = Timeline(a.shape, 300, s.personDepth, kPi);  // facing the camera
+    a.timeline.gesture(Activity::Point, 10.f, 0, 0.5f);
+    actors.push_back(a);
+  }
+  return Scenario(o, cam, room, actors);
+}
+
+SensorOptions ideal_sensor() {
+  SensorOptions s;
+  s.shadow = false;
+  s.dropouts = false;
+  s.noise = false;
+  return s;
+}
+
+Vec3 pixel_ray(const skeleton::DepthCameraModel& m, uint32_t x, uint32_t y) {
+  return normalize({(static_cast<float>(x) - m.centerX) / m.focalX, (m.centerY - static_cast<float>(y)) / m.focalY, 1.f});
+}
+
+TEST(Render, EmptyRoomHasKnownDepthsAndRangeLimits) {
+  SceneSpec spec;
+  spec.person = false;
+  const Scenario sc = test_scene(spec);
+  Renderer r(sc, ideal_sensor());
+  Frame f;
+  r.render(0, f);
+  const auto& m = r.camera_model();
+  // The far wall straight ahead and the floor below the horizon.
+  EXPECT_NEAR(r.true_depth()[120 * 320 + 160], 5000.f, 0.5f);
+  EXPECT_NEAR(f.depth.at(160, 120), 5000.f, 60.f);
+  for (uint32_t y : {200u, 220u, 239u}) {
+    SCOPED_TRACE(y);
+    const float expected = 1200.f * m.focalY / (static_cast<float>(y) - m.centerY);
+    EXPECT_NEAR(r.true_depth()[y * 320 + 160], expected, 1e-3f * expected);
+    EXPECT_NEAR(f.depth.at(160, y), expected, 0.012f * expected);
+  }
+  EXPECT_FLOAT_EQ(f.floor[1], 1.f);
+  EXPECT_FLOAT_EQ(f.floor[3], 1200.f);
+  // A wall beyond the sensor's range gives no depth; nothing nearer than its near limit either.
+  spec.wallDepth = 12000.f;
+  const Scenario far = test_scene(spec);
+  Renderer rf(far, ideal_sensor());
+  rf.render(0, f);
+  EXPECT_EQ(f.depth.at(160, 120), 0);
+  EXPECT_EQ(f.depth.at(160, 110), 0);
+  spec.person = true;
+  spec.personDepth = 450.f;
+  const Scenario near = test_scene(spec);
+  Renderer rn(near, ideal_sensor());
+  rn.render(0, f);
+  EXPECT_EQ(f.people[0].pixels, 0u);
+}
+
+TEST(Render, DepthsAreShiftTableValuesWithinRange) {
+  for (const char* name : {"mixed", "crossing", "sit"}) {
+    SCOPED_TRACE(name);
+    ScenarioOptions o;
+    o.name = name;
+    o.frames = 90;
+    o.seed = 4;
+    const Scenario sc = Scenario::make(o);
+    Renderer r(sc);
+    const std::set<uint16_t> valid(r.tables().shiftToDepth.begin(), r.tables().shiftToDepth.end());
+    Frame f;
+    for (int i : {0, 45, 89}) {
+      r.render(i, f);
+      size_t nonzero = 0;
+      for (size_t k = 0; k < f.depth.size(); ++k) {
+        const uint16_t d = f.depth[k];
+        if (d == 0) continue;
+        ++nonzero;
+        ASSERT_TRUE(valid.count(d)) << d;
+        ASSERT_GT(d, 500);
+        ASSERT_LT(d, 10000);
+      }
+      EXPECT_GT(nonzero, f.depth.size() / 2);
+    }
+  }
+}
+
+// Each person pixel lies on that person's body, and no other pixel's ray passes through a person.
+TEST(Render, PersonPixelsAreExactlyThePersonsSurface) {
+  for (uint64_t seed : {2u, 9u}) {
+    ScenarioOptions o;
+    o.name = "crossing";
+    o.people = 3;
+    o.seed = seed;
+    o.frames = 150;
+    const Scenario sc = Scenario::make(o);
+    Renderer r(sc, ideal_sensor());
+    Frame f;
+    for (int i : {40, 75, 110}) {
+      SCOPED_TRACE(::testing::Message() << "seed " << seed << " frame " << i);
+      r.render(i, f);
+      std::vector<std::vector<Primitive>> parts;
+      for (const Actor& a : sc.actors()) {
+        PosedBody b;
+        pose_body(a.shape, a.timeline.pose_at(sc.time_of(i)), false, b);
+        parts.emplace_back();
+        for (const Primitive& p : b.parts) parts.back().push_back(transformed(p, sc.camera().to_camera()));
+      }
+      auto inside = [&](size_t person, Vec3 q) {
+        for (const Primitive& p : parts[person]) {
+          const Aabb b = bounds(p);
+          if (q.x < b.lo.x || q.y < b.lo.y || q.z < b.lo.z || q.x > b.hi.x || q.y > b.hi.y || q.z > b.hi.z) continue;
+          if (contains(p, q)) return true;
+        }
+        return false;
+      };
+      // A ray that only grazes a part may leave it again within a fraction of a millimetre;
+      // such pixels are counted, not failed.
+      int personPixels = 0, grazing = 0;
+      for (uint32_t y = 0; y < f.depth.height(); y += 2) {
+        for (uint32_t x = 0; x < f.depth.width(); x += 2) {
+          const size_t k = size_t{y} * f.depth.width() + x;
+          const Vec3 d = pixel_ray(r.camera_model(), x, y);
+          const Vec3 hit = d * (r.true_depth()[k] / d.z);
+          const uint8_t id = f.ids[k];
+          ASSERT_EQ(id != 0, f.labels[k] != 0);
+          if (id != 0) {
+            ++personPixels;
+            if (!inside(id - 1u, hit + d * 3.f)) ++grazing;
+            ASSERT_FALSE(inside(id - 1u, hit - d * 3.f)) << x << "," << y;
+          } else if (f.depth[k] != 0) {
+            for (size_t p = 0; p < parts.size(); ++p) {
+              ASSERT_FALSE(inside(p, hit + d * 3.f)) << x << "," << y;
+              ASSERT_FALSE(inside(p, hit - d * 30.f)) << x << "," << y;
+            }
+          }
+        }
+      }
+      EXPECT_LT(grazing, personPixels / 50 + 2);
+      EXPECT_GT(personPixels, 200);
+    }
+  }
+}
+
+TEST(Render, LabelsAndIdsFollowTheMeasuredDepth) {
+  ScenarioOptions o;
+  o.name = "mixed";
+  o.people = 3;
+  o.frames = 200;
+  o.seed = 13;
+  const Scenario sc = Scenario::make(o);
+  Renderer r(sc);
+  Frame f;
+  for (int i = 0; i < 200; i += 40) {
+    SCOPED_TRACE(i);
+    r.render(i, f);
+    std::vector<uint32_t> count(8, 0);
+    for (size_t k = 0; k < f.depth.size(); ++k) {
+      ASSERT_EQ(f.ids[k] != 0, f.labels[k] != 0);
+      if (f.depth[k] == 0) {
+        ASSERT_EQ(f.ids[k], 0);
+      }
+      ASSERT_LE(f.labels[k], 27);
+      ASSERT_LE(f.ids[k], sc.actors().size());
+      ++count[f.ids[k]];
+    }
+    for (const PersonTruth& p : f.people) EXPECT_EQ(p.pixels, count[p.id]);
+  }
+}
+
+TEST(Render, JointsLieInsideTheSilhouette) {
+  for (bool mirrored : {false, true}) {
+    SCOPED_TRACE(mirrored);
+    SceneSpec spec;
+    spec.mirrored = mirrored;
+    const Scenario sc = test_scene(spec);
+    Renderer r(sc);
+    Frame f;
+    r.render(5, f);
+    ASSERT_EQ(f.people.size(), 1u);
+    for (int j = 0; j < 16; ++j) {
+      SCOPED_TRACE(j);
+      const JointTruth& t = f.people[0].joints[j];
+      ASSERT_TRUE(t.inImage);
+      // Some pixel of the person within 3 pixels of the joint, and the joint behind that surface.
+      bool near = false;
+      for (int dy = -3; dy <= 3 && !near; ++dy)
+        for (int dx = -3; dx <= 3 && !near; ++dx) {
+          const int x = static_cast<int>(std::lround(t.u)) + dx, y = static_cast<int>(std::lround(t.v)) + dy;
+          if (x < 0 || y < 0 || x >= 320 || y >= 240) continue;
+          near = f.ids.at(x, y) == 1 && f.depth.at(x, y) < t.camera.z;
+        }
+      EXPECT_TRUE(near);
+    }
+  }
+}
+
+TEST(Render, MirroringSwapsSidesButKeepsTheModelsLeftOnTheImageRight) {
+  SceneSpec spec;
+  const Scenario plain = test_scene(spec);
+  spec.mirrored = true;
+  const Scenario mirrored = test_scene(spec);
+  Renderer rp(plain, ideal_sensor()), rm(mirrored, ideal_sensor());
+  Frame fp, fm;
+  rp.render(5, fp);
+  rm.render(5, fm);
+  const auto& jp = fp.people[0].joints;
+  const auto& jm = fm.people[0].joints;
+  // The same anatomical hand: camera x negated, joint name swapped.
+  EXPECT_NEAR(jm[kRightHand].camera.x, -jp[kLeftHand].camera.x, 0.01f);
+  EXPECT_NEAR(jm[kRightHand].camera.y, jp[kLeftHand].camera.y, 0.01f);
+  EXPECT_NEAR(jm[kLeftHand].camera.z, jp[kRightHand].camera.z, 0.01f);
+  auto centroid = [](const Frame& f, uint8_t label) {
+    double sx = 0;
+    int n = 0;
+    for (uint32_t y = 0; y < f.labels.height(); ++y)
+      for (uint32_t x = 0; x < f.labels.width(); ++x)
+        if (f.labels.at(x, y) == label) {
+          sx += x;
+          ++n;
+        }
+    return std::pair{n > 0 ? sx / n : -1.0, n};
+  };
+  for (const Frame* f : {&fp, &fm}) {
+    // Facing the camera, the model's left hand (label 2) is on the image's right.
+    const auto [left, nl] = centroid(*f, 2);
+    const auto [right, nr] = centroid(*f, 4);
+    EXPECT_GT(nl, 20);
+    EXPECT_GT(nr, 20);
+    EXPECT_GT(left, right);
+    EXPECT_GT(f->people[0].joints[kLeftHand].u, f->people[0].joints[kRightHand].u);
+  }
+  // The pointing arm is the person's left: its label is 2 plainly and 4 mirrored.
+  EXPECT_NEAR(centroid(fp, 2).second, centroid(fm, 4).second, 0.15 * centroid(fp, 2).second + 10);
+}
+
+// Width of the run of zeros next to the cabinet's left and right edge on its middle row.
+std::pair<int, int> shadow_widths(const Frame& f) {
+  const uint32_t y = f.depth.height() / 2;
+  int left = -1, right = -1;
+  for (uint32_t x = 0; x < f.depth.width(); ++x) {
+    const uint16_t d = f.depth.at(x, y);
+    if (d != 0 && d < 3000) {
+      if (left < 0) left = static_cast<int>(x);
+      right = static_cast<int>(x);
+    }
+  }
+  int wl = 0, wr = 0;
+  for (int x = left - 1; x >= 0 && f.depth.at(x, y) == 0; --x) ++wl;
+  for (int x = right + 1; x < static_cast<int>(f.depth.width()) && f.depth.at(x, y) == 0; ++x) ++wr;
+  return {wl, wr};
+}
+
+TEST(Render, ProjectorShadowFallsAwayFromTheEmitterAndFlipsWhenMirrored) {
+  SensorOptions sensor = ideal_sensor();
+  sensor.shadow = true;
+  SceneSpec spec;
+  spec.person = false;
+  spec.cabinet = true;
+  const Scenario plain = test_scene(spec);
+  Renderer rp(plain, sensor);
+  Frame f;
+  rp.render(0, f);
+  // Emitter 75 mm to the camera's right: the shadow lies left of the object, as wide as the
+  // disparity between the object's front (2300 mm) and the wall (5000 mm).
+  const float expected = rp.camera_model().focalX * 75.f * (1.f / 2300.f - 1.f / 5000.f);
+  auto [wl, wr] = shadow_widths(f);
+  EXPECT_NEAR(wl, expected, 1.0);
+  EXPECT_EQ(wr, 0);
+  spec.mirrored = true;
+  const Scenario mirrored = test_scene(spec);
+  Renderer rm(mirrored, sensor);
+  rm.render(0, f);
+  std::tie(wl, wr) = shadow_widths(f);
+  EXPECT_EQ(wl, 0);
+  EXPECT_NEAR(wr, expected, 1.0);
+}
+
+TEST(Render, SameSeedSameFramesInAnyOrder) {
+  ScenarioOptions o;
+  o.name = "mixed";
+  o.seed = 77;
+  o.frames = 60;
+  const Scenario a = Scenario::make(o), b = Scenario::make(o);
+  Renderer ra(a), rb(b);
+  Frame fa5, fa17, fb5, fb17;
+  ra.render(17, fa17);
+  ra.render(5, fa5);
+  rb.render(5, fb5);
+  rb.render(17, fb17);
+  for (auto [x, y] : {std::pair{&fa5, &fb5}, std::pair{&fa17, &fb17}}) {
+    EXPECT_EQ(0, std::memcmp(x->depth.data(), y->depth.data(), x->depth.byte_size()));
+    EXPECT_EQ(0, std::memcmp(x->labels.data(), y->labels.data(), x->labels.byte_size()));
+    EXPECT_EQ(0, std::memcmp(x->ids.data(), y->ids.data(), x->ids.byte_size()));
+    ASSERT_EQ(x->people.size(), y->people.size());
+    for (size_t p = 0; p < x->people.size(); ++p)
+      EXPECT_EQ(x->people[p].joints[0].camera.x, y->people[p].joints[0].camera.x);
+  }
+  o.seed = 78;
+  const Scenario c = Scenario::make(o);
+  Renderer rc(c);
+  Frame fc;
+  rc.render(5, fc);
+  EXPECT_NE(0, std::memcmp(fa5.depth.data(), fc.depth.data(), fa5.depth.byte_size()));
+}
+
+TEST(Render, ReductionKeepsTheNearestDepthOfEachBlock) {
+  ScenarioOptions o;
+  o.name = "wave";
+  o.width = 640;
+  o.height = 480;
+  o.frames = 30;
+  const Scenario sc = Scenario::make(o);
+  Renderer r(sc);
+  Frame big, small;
+  r.render(20, big);
+  reduce_to(big, 160, 120, small);
+  for (uint32_t y = 0; y < 120; ++y)
+    for (uint32_t x = 0; x < 160; ++x) {
+      uint16_t best = 0;
+      for (uint32_t k = 0; k < 16; ++k) {
+        const uint16_t d = big.depth.at(x * 4 + k % 4, y * 4 + k / 4);
+        if (d != 0 && (best == 0 || d < best)) best = d;
+      }
+      ASSERT_EQ(small.depth.at(x, y), best);
+      ASSERT_EQ(small.ids.at(x, y) != 0, small.labels.at(x, y) != 0);
+    }
+  ASSERT_EQ(small.people.size(), 1u);
+  EXPECT_NEAR(small.people[0].joints[0].u * 4.f, big.people[0].joints[0].u, 1e-3f);
+}
+
+TEST(Scenarios, EveryNameBuildsAndRenders) {
+  for (const std::string& name : scenario_names()) {
+    SCOPED_TRACE(name);
+    ScenarioOptions o;
+    o.name = name;
+    o.width = 160;
+    o.height = 120;
+    o.frames = 300;
+    const Scenario sc = Scenario::make(o);
+    if (name == "empty-room") {
+      EXPECT_TRUE(sc.actors().empty());
+    } else if (name == "crossing") {
+      EXPECT_GE(sc.actors().size(), 2u);
+    } else if (name != "mixed") {
+      EXPECT_EQ(sc.actors().size(), 1u);
+    }
+    Renderer r(sc);
+    Frame first, last;
+    r.render(0, first);
+    r.render(299, last);
+    EXPECT_EQ(first.depth.width(), 160u);
+    if (name == "walk-in") {
+      EXPECT_EQ(first.people[0].pixels, 0u);
+      EXPECT_GT(last.people[0].pixels, 100u);
+    }
+    if (name == "walk-out") {
+      EXPECT_GT(first.people[0].pixels, 100u);
+      EXPECT_EQ(last.people[0].pixels, 0u);
+    }
+  }
+  ScenarioOptions bad;
+  bad.name = "dance";
+  EXPECT_THROW(Scenario::make(bad), std::invalid_argument);
+  bad.name = "wave";
+  bad.width = 300;
+  EXPECT_THROW(Scenario::make(bad), std::invalid_argument);
+}
+
+TEST(Scenarios, FurnitureMovesWhileSomeoneWalksAlong) {
+  ScenarioOptions o;
+  o.name = "furniture-moved";
+  o.width = 160;
+  o.height = 120;
+  o.frames = 450;
+  const Scenario sc = Scenario::make(o);
+  const auto moving = std::count_if(sc.room().furniture.begin(), sc.room().furniture.end(),
+                                    [](const Furniture& f) { return f.moves(); });
+  ASSERT_EQ(moving, 1);
+  const Furniture& f = *std::find_if(sc.room().furniture.begin(), sc.room().furniture.end(),
+                                     [](const Furniture& g) { return g.moves(); });
+  float x0, z0, y0, x1, z1, y1;
+  f.placement_at(0.f, x0, z0, y0);
+  f.placement_at(100.f, x1, z1, y1);
+  EXPECT_GT(length(Vec3{x1 - x0, 0, z1 - z0}), 300.f);
+  EXPECT_LT(f.moveEnd, sc.time_of(o.frames));
+}
+
+}  // namespace
+}  // namespace quorvik::sim
