@@ -459,7 +459,7 @@ void pose_body(const BodyShape& shape, const Pose& pose, bool swap, PosedBody& o
     add(make_box(k.hand[1] + k.forearmDir[1] * 30.f, k.forearmDir[1], k.handNormal[1],
                  normalize(cross(k.forearmDir[1], k.handNormal[1])), {70.f, 12.f, 35.f}),
         accessory);
-  } else if (shape.carried == Carried::Box && pose.carry > 0.5f) {
+  } else if (shape.carried == Carried::Box && pose.carry > 0.5f && length(k.hand[0] - k.hand[1]) < 800.f) {
     const Vec3 c = (k.hand[0] + k.hand[1]) * 0.5f + k.chest.forward * 40.f;
     const float w = std::max(120.f, 0.5f * length(k.hand[0] - k.hand[1]) - 20.f);
     add(make_box(c, k.chest.left, k.chest.up, k.chest.forward, {w, 130.f, 140.f}), accessory);

@@ -249,6 +249,8 @@ Pose Timeline::step_pose(const Step& s, float t) const {
     default:
       break;
   }
+  // Hands busy with a gesture put a carried box down for its duration.
+  if (s.activity != Activity::Crouch) g.carry = 0.f;
   Pose p = blend(rest, g, envelope(tau, d, ramp));
   // Stand's idle motion continues underneath.
   p.headYaw += deg(5) * std::sin(2.f * kPi * (0.07f * t + phase_));
