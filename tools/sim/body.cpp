@@ -124,14 +124,14 @@ BodyDims body_dims(const BodyShape& s) {
   d.waistHalfDepth = 0.055f * H * b;
   d.pelvisHalfWidth = 0.095f * H * s.hipFactor * std::sqrt(b);
   d.pelvisHalfDepth = 0.06f * H * std::pow(b, 0.8f);
-  d.upperArmR0 = 0.025f * H * std::pow(b, 0.7f);
-  d.upperArmR1 = 0.02f * H * std::pow(b, 0.7f);
-  d.forearmR0 = 0.02f * H * std::pow(b, 0.6f);
-  d.forearmR1 = 0.014f * H * std::pow(b, 0.6f);
-  d.thighR0 = 0.045f * H * std::pow(b, 0.8f);
-  d.thighR1 = 0.03f * H * std::pow(b, 0.8f);
-  d.shinR0 = 0.03f * H * std::pow(b, 0.7f);
-  d.shinR1 = 0.018f * H * std::pow(b, 0.6f);
+  d.upperArmR0 = 0.027f * H * std::pow(b, 0.7f);
+  d.upperArmR1 = 0.022f * H * std::pow(b, 0.7f);
+  d.forearmR0 = 0.021f * H * std::pow(b, 0.6f);
+  d.forearmR1 = 0.015f * H * std::pow(b, 0.6f);
+  d.thighR0 = 0.05f * H * std::pow(b, 0.8f);
+  d.thighR1 = 0.032f * H * std::pow(b, 0.8f);
+  d.shinR0 = 0.032f * H * std::pow(b, 0.7f);
+  d.shinR1 = 0.019f * H * std::pow(b, 0.6f);
   return d;
 }
 

@@ -286,7 +286,13 @@ class Builder {
       const Vec3 start = stage(ds[i], side * (offscreen(ds[i]) + rng_.uniform(0.f, 400.f)));
       const Vec3 target = stage(ds[i] + rng_.uniform(-300.f, 300.f), rng_.uniform(-700.f, 700.f));
       Actor& a = add_actor(start, std::atan2(target.x - start.x, target.z - start.z));
-      a.timeline.stand(0.3f + i * rng_.uniform(0.5f, 2.0f)).walk_to(target.x, target.z, rng_.uniform(0.8f, 1.2f));
+      const float speed = rng_.uniform(0.8f, 1.2f);
+      a.timeline.stand(0.3f + i * rng_.uniform(0.5f, 2.0f));
+      if (rng_.chance(0.5f)) {  // a bend in the path: in from the side, then towards or away from the camera
+        const Vec3 via = stage(ds[i] + rng_.uniform(-900.f, 900.f), side * rng_.uniform(600.f, 1400.f));
+        a.timeline.walk_to(via.x, via.z, speed);
+      }
+      a.timeline.walk_to(target.x, target.z, speed);
       a.timeline.turn_to(facing_camera(target) + deg(rng_.uniform(-25.f, 25.f)));
       fill_gestures(a.timeline, Activity::Stand, true);
     }
