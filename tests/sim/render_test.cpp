@@ -243,6 +243,39 @@ TEST(Render, JointsLieInsideTheSilhouette) {
   }
 }
 
+// In any pose, a joint never projects onto scenery that lies behind it, away from its person.
+TEST(Render, JointsNeverFloatOverTheBackground) {
+  for (const char* name : {"mixed", "crouch", "kick", "sit", "crossing"}) {
+    ScenarioOptions o;
+    o.name = name;
+    o.frames = 300;
+    o.seed = 31;
+    o.people = std::string(name) == "crossing" ? 3 : 2;
+    const Scenario sc = Scenario::make(o);
+    Renderer r(sc, ideal_sensor());
+    Frame f;
+    for (int i = 0; i < 300; i += 25) {
+      r.render(i, f);
+      for (const PersonTruth& p : f.people) {
+        if (p.pixels < 300) continue;
+        for (int j = 0; j < 16; ++j) {
+          const JointTruth& t = p.joints[j];
+          if (!t.inImage) continue;
+          SCOPED_TRACE(::testing::Message() << name << " frame " << i << " person " << int{p.id} << " joint " << j);
+          bool nearPerson = false;
+          for (int dy = -3; dy <= 3; ++dy)
+            for (int dx = -3; dx <= 3; ++dx) {
+              const int x = static_cast<int>(std::lround(t.u)) + dx, y = static_cast<int>(std::lround(t.v)) + dy;
+              if (x >= 0 && y >= 0 && x < 320 && y < 240 && f.ids.at(x, y) == p.id) nearPerson = true;
+            }
+          const uint16_t d = f.depth.at(static_cast<uint32_t>(std::lround(t.u)), static_cast<uint32_t>(std::lround(t.v)));
+          EXPECT_TRUE(nearPerson || d == 0 || d < t.camera.z + 100.f) << "depth " << d << " joint z " << t.camera.z;
+        }
+      }
+    }
+  }
+}
+
 TEST(Render, MirroringSwapsSidesButKeepsTheModelsLeftOnTheImageRight) {
   SceneSpec spec;
   const Scenario plain = test_scene(spec);

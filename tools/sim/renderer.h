@@ -55,6 +55,7 @@ struct SensorOptions {
   skeleton::ShiftConversionParams shift;  // the sensor tables depths are quantised through
 };
 
+// Not thread-safe; use one renderer per thread. The scenario must outlive the renderer.
 class Renderer {
  public:
   explicit Renderer(const Scenario& scenario, SensorOptions sensor = {});
