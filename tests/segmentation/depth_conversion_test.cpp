@@ -50,6 +50,9 @@ TEST(ConversionTables, DegenerateParametersGiveEmptyTables) {
   const ConversionTables t = build_conversion_tables(p);
   EXPECT_EQ(t.shiftToDepth.size(), 2u);
   for (uint16_t v : t.depthToShift) ASSERT_EQ(v, 0);
+  p = ShiftConversionParams{};
+  p.pixelSizeFactor = 0;
+  for (uint16_t v : build_conversion_tables(p).shiftToDepth) ASSERT_EQ(v, 0);
 
   // A narrow valid range leaves everything outside it at 0 in shiftToDepth.
   p = ShiftConversionParams{};
