@@ -92,6 +92,7 @@ class PersonCandidateDetector {
 
   std::span<const TrackedCandidate> tracked() const { return {candidates_, size_t(candidateCount_)}; }
   std::span<const CandidateDetection> detections() const { return {detections_, size_t(detectionCount_)}; }
+  int32_t chain_count() const { return chainCount_; }
   int32_t kept_chain_count() const { return keptCount_; }
   const Array2D<int32_t>& edges() const { return edges_; }
 

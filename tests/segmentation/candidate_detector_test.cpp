@@ -131,3 +131,26 @@ TEST(CandidateDetector, TwoPeopleApartGetTwoCandidates) {
   const double left = d.detector->tracked()[0].latest().medianX, right = d.detector->tracked()[1].latest().medianX;
   EXPECT_GT(std::abs(left - right), 1000.0);
 }
+
+TEST(CandidateDetector, ChainStorageLimitIsSilent) {
+  quorvik::skeleton::SegCoordinateMapper<double> mapper(
+      640, 480, scene::kHfovDegrees * kDegreesToRadians, scene::kVfovDegrees * kDegreesToRadians, 10000);
+  auto detector = std::make_unique<PersonCandidateDetector>();
+  const auto& t = scene::default_tables();
+  detector->start(640, 480, t.shiftToDepth.data(), t.depthToShift.data(), false, &mapper);
+  // Near stripes 40 pixels wide that shift by half their width from row to row: every run
+  // opens a chain of its own, far more than the storage holds.
+  Array2D<uint16_t> raw(640, 480), shift(640, 480), shadow(640, 480);
+  for (int y = 0; y < 480; ++y) {
+    for (int x = 0; x < 640; ++x) {
+      const bool near = ((x + (y % 2) * 20) / 40) % 2 == 0;
+      raw.at(x, y) = near ? 1000 : 3000;
+      shift.at(x, y) = t.shift_of(raw.at(x, y));
+    }
+  }
+  detector->process(raw, shift, shadow);
+  EXPECT_EQ(detector->chain_count(), PersonCandidateDetector::kMaxChains);
+  EXPECT_EQ(detector->kept_chain_count(), 0);  // one run each, fewer than 5 x (640 / 320)
+  detector->process(raw, shift, shadow);
+  EXPECT_LE(detector->tracked().size(), size_t(PersonCandidateDetector::kMaxCandidates));
+}

@@ -313,3 +313,19 @@ TEST(SegmentationEngine, RefusesFramesItCannotHold) {
   EXPECT_EQ(large.engine->label_output().width, 640u);
   EXPECT_FALSE(large.engine->start(SegmentationFrame{1, 0, &large.format, nullptr}, large.tables));
 }
+
+TEST(SegmentationEngine, LargestAcceptedFrameRunsTheWholePipeline) {
+  scene::SceneBuilder builder(1200, 6, 640, 480);
+  builder.floor().wall(4000);
+  EngineDriver driver(640, 480);
+  driver.feed(builder.render(), 4);
+  for (int step = 0; step < 6; ++step) {
+    builder.clear_boxes().box(-400.f + 80.f * step, 2500, 450, 300, 1750);
+    driver.feed(builder.render());
+  }
+  const FloorOutput out = driver.engine->floor_output();
+  expect_floor_near(out, builder);
+  EXPECT_EQ(out.maskWidth, 640u);
+  EXPECT_EQ(driver.engine->candidates().tracked().size(), 1u);
+  EXPECT_TRUE(driver.engine->candidates().tracked()[0].confirmed);
+}
