@@ -48,4 +48,28 @@ void BM_EngineFrame(benchmark::State& state) {
 }
 BENCHMARK(BM_EngineFrame)->Unit(benchmark::kMicrosecond);
 
+// The candidate stage alone on the same scene (its share of the engine frame).
+void BM_CandidateDetector(benchmark::State& state) {
+  scene::SceneBuilder builder(1200, 8);
+  builder.floor().wall(4000).box(0.f, 2300.f, 400.f, 300.f, 1700.f);
+  const std::vector<uint16_t> depth = builder.render();
+  const auto& t = scene::default_tables();
+  const quorvik::skeleton::SegCoordinateMapper<double> mapper(
+      160, 120, scene::kHfovDegrees * quorvik::skeleton::kDegreesToRadians,
+      scene::kVfovDegrees * quorvik::skeleton::kDegreesToRadians, 10000);
+  auto detector = std::make_unique<PersonCandidateDetector>();
+  detector->start(160, 120, t.shiftToDepth.data(), t.depthToShift.data(), false, &mapper);
+  Array2D<uint16_t> raw(160, 120), shift(160, 120), shadow(160, 120);
+  for (int i = 0; i < 160 * 120; ++i) {
+    raw[i] = depth[size_t(i)];
+    shift[i] = t.shift_of(depth[size_t(i)]);
+  }
+  build_shadow_image(shift, false, shadow);
+  for (auto _ : state) {
+    detector->process(raw, shift, shadow);
+    benchmark::DoNotOptimize(detector->tracked().data());
+  }
+}
+BENCHMARK(BM_CandidateDetector)->Unit(benchmark::kMicrosecond);
+
 }  // namespace
