@@ -304,6 +304,18 @@ TEST(SegmentationEngine, RefusesFramesItCannotHold) {
     EXPECT_EQ(driver.engine->floor_output().detected, 0u);
   }
 
+  // The smallest accepted frames run the whole pipeline on noise without trouble.
+  for (auto [w, h] : {std::pair{8, 3}, {16, 12}, {88, 66}}) {
+    SCOPED_TRACE(testing::Message() << w << "x" << h);
+    EngineDriver tiny(w, h);
+    std::vector<uint16_t> noise(size_t(w * h));
+    for (int frame = 0; frame < 40; ++frame) {
+      for (size_t i = 0; i < noise.size(); ++i) noise[i] = uint16_t(((i + 3) * (frame + 7) * 2654435761u) >> 19);
+      EXPECT_TRUE(tiny.feed(noise));
+    }
+    EXPECT_EQ(tiny.engine->label_output().width, uint32_t(w));
+  }
+
   EngineDriver large(640, 480);
   EXPECT_TRUE(large.feed(depth));
   large.format.width = 320;
