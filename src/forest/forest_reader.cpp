@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <fstream>
 #include <vector>
 
 #include "forest/forest_format.h"
@@ -300,11 +301,26 @@ const char* to_string(ForestParseError error) {
   return "unknown error";
 }
 
-ForestParseError ForestReader::parse(op::InputStream& stream, DecisionForest& forest) {
+op::Result<DecisionForest, ForestParseError> ForestReader::parse(op::InputStream& stream) {
   std::vector<std::unique_ptr<DecisionTree>> trees;
   const ForestParseError error = Parser(stream).run(trees);
-  if (error == ForestParseError::None) forest = DecisionForest(std::move(trees));
-  return error;
+  if (error != ForestParseError::None) return op::Err(error);
+  return op::Ok(DecisionForest(std::move(trees)));
+}
+
+op::Result<DecisionForest, ForestReadError> load_forest(const std::string& path) {
+  // The buffer is installed before the file is opened, as the stream requires.
+  std::unique_ptr<char[]> buffer(new char[kForestReadBufferSize]);
+  std::ifstream file;
+  file.rdbuf()->pubsetbuf(buffer.get(), kForestReadBufferSize);
+  file.open(path, std::ios::in | std::ios::binary);
+  if (!file.good()) return op::Err(ForestReadError::CannotOpen);
+  op::IOSInputStream stream(file);
+  auto parsed = ForestReader().parse(stream);
+  if (parsed.is_error()) return op::Err(ForestReadError::InvalidContents);
+  DecisionForest forest = parsed.unwrap();
+  if (forest.tree_count() == 0) return op::Err(ForestReadError::CannotOpen);
+  return op::Ok(std::move(forest));
 }
 
 }  // namespace quorvik::skeleton

@@ -9,6 +9,7 @@
 
 #include "forest/decision_forest.h"
 #include "forest/input_stream.h"
+#include "op/result.h"
 
 namespace quorvik::skeleton {
 
@@ -39,12 +40,14 @@ const char* to_string(ForestParseError error);
 
 class ForestReader {
  public:
-  // On success moves the trees into `forest` and returns None; on failure leaves
-  // `forest` untouched and frees everything read so far.
-  ForestParseError parse(op::InputStream& stream, DecisionForest& forest);
+  // On failure everything read so far is freed. The offset table lives only for the call.
+  op::Result<DecisionForest, ForestParseError> parse(op::InputStream& stream);
 };
 
 // Size of the stream buffer the data file is read through.
 inline constexpr size_t kForestReadBufferSize = 1 << 20;
+
+// Reads the data file at `path`. A file that parses but holds no tree is CannotOpen.
+op::Result<DecisionForest, ForestReadError> load_forest(const std::string& path);
 
 }  // namespace quorvik::skeleton
