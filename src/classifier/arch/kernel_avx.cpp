@@ -1,6 +1,7 @@
 // Tree kernel build: arch_avx (flags in flags.cmake).
 #define QBT_KERNEL_NAMESPACE arch_avx
 #define QBT_KERNEL_BATCH 4
+#define QBT_KERNEL_VECTOR 128
 #include "classifier/arch/tree_kernel.inc"
 
 namespace quorvik::skeleton {

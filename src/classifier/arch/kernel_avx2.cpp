@@ -1,6 +1,7 @@
 // Tree kernel build: arch_avx2 (flags in flags.cmake).
 #define QBT_KERNEL_NAMESPACE arch_avx2
 #define QBT_KERNEL_BATCH 8
+#define QBT_KERNEL_VECTOR 256
 #include "classifier/arch/tree_kernel.inc"
 
 namespace quorvik::skeleton {
