@@ -4,9 +4,22 @@
 set(QBT_KERNEL_DIR ${PROJECT_SOURCE_DIR}/src/classifier/arch)
 set(QBT_NO_CONTRACT -ffp-contract=off)
 
-# Baseline: x86-64 base instructions, scalar code.
+set_source_files_properties(${PROJECT_SOURCE_DIR}/src/classifier/depth_features.cpp PROPERTIES
+  COMPILE_OPTIONS "${QBT_NO_CONTRACT}")
+# Baseline: the processor's base instructions, scalar code.
 set_source_files_properties(${QBT_KERNEL_DIR}/kernel_null.cpp PROPERTIES
   COMPILE_OPTIONS "${QBT_NO_CONTRACT};-fno-tree-vectorize")
+
+if(NOT CMAKE_SYSTEM_PROCESSOR MATCHES "^(x86_64|AMD64|amd64|i[3-6]86)$")
+  # Elsewhere the other builds are plain copies of the baseline; the dispatcher never
+  # picks them there.
+  foreach(build sse2 sse4p1 avx avx2 fma3)
+    set_source_files_properties(${QBT_KERNEL_DIR}/kernel_${build}.cpp PROPERTIES
+      COMPILE_OPTIONS "${QBT_NO_CONTRACT}")
+  endforeach()
+  return()
+endif()
+
 set_source_files_properties(${QBT_KERNEL_DIR}/kernel_sse2.cpp PROPERTIES
   COMPILE_OPTIONS "${QBT_NO_CONTRACT};-msse2;-mno-sse3")
 set_source_files_properties(${QBT_KERNEL_DIR}/kernel_sse4p1.cpp PROPERTIES
@@ -20,5 +33,3 @@ set_source_files_properties(${QBT_KERNEL_DIR}/kernel_avx2.cpp PROPERTIES
 # The compiler's FMA option implies AVX encodings; vectors stay 128 bits wide.
 set_source_files_properties(${QBT_KERNEL_DIR}/kernel_fma3.cpp PROPERTIES
   COMPILE_OPTIONS "${QBT_NO_CONTRACT};-mfma;-mno-avx2;-mprefer-vector-width=128")
-set_source_files_properties(${PROJECT_SOURCE_DIR}/src/classifier/depth_features.cpp PROPERTIES
-  COMPILE_OPTIONS "${QBT_NO_CONTRACT}")
