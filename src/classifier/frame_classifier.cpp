@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <exception>
+#include <mutex>
 #include <stdexcept>
 #include <thread>
 
@@ -27,7 +29,9 @@ bool contains(std::span<const uint16_t> list, uint16_t value) {
 
 // Tasks of one set: the group the pool waits on, plus a count of our own, so that a task
 // the pool refused (which cancels the group) and which therefore ran on the calling
-// thread cannot make the caller return while queued tasks still use its data.
+// thread cannot make the caller return while queued tasks still use its data. The first
+// exception a task raises (a feature kind no build evaluates) is raised again by wait(),
+// on the calling thread, once every task has finished.
 class TaskSet {
  public:
   TaskSet() : group_(std::make_shared<op::ActionGroupState>()) {}
@@ -36,7 +40,12 @@ class TaskSet {
   void submit(op::ThreadPool& pool, uint64_t worker, F&& fn) {
     unfinished_.fetch_add(1, std::memory_order_relaxed);
     auto task = [this, fn]() {
-      fn();
+      try {
+        fn();
+      } catch (...) {
+        std::lock_guard lock(failure_mutex_);
+        if (!failure_) failure_ = std::current_exception();
+      }
       unfinished_.fetch_sub(1, std::memory_order_release);
     };
     // Waits for room in a full queue rather than dropping the task.
@@ -56,15 +65,19 @@ class TaskSet {
         while (unfinished_.load(std::memory_order_acquire) != 0) {
           std::this_thread::sleep_for(std::chrono::milliseconds(1));
         }
-        return;
+        break;
       }
       logger.warn(warning);
     }
+    std::lock_guard lock(failure_mutex_);
+    if (failure_) std::rethrow_exception(failure_);
   }
 
  private:
   std::shared_ptr<op::ActionGroupState> group_;
   std::atomic<uint32_t> unfinished_{0};
+  std::mutex failure_mutex_;
+  std::exception_ptr failure_;
 };
 
 void mark_pass_pixels(op::Image<uint8_t>& user_ids, uint8_t id) {

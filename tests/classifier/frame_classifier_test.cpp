@@ -5,6 +5,7 @@
 #include <string>
 #include <thread>
 #include <set>
+#include <stdexcept>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -303,6 +304,28 @@ TEST_F(FrameClassifierTest, BusyPoolDelaysButDropsNothing) {
     EXPECT_THAT(log, ::testing::HasSubstr(
                          "FrameClassifier::classify_subframe_LOD_parallel waiting for more than 500 ms"));
     EXPECT_EQ(out.labels.at(41, 41).label, 7);
+  }
+}
+
+TEST_F(FrameClassifierTest, FeatureErrorsReachTheCaller) {
+  // Only a forest built in memory can hold a kind the reader would have refused.
+  auto tree = leaf_tree(1, 1.f);
+  TreeNode split{};
+  split.kind = 13;
+  split.target = 1;
+  TreeNode leaf = tree->nodes[0];
+  tree->nodes = {split, leaf, leaf};
+  std::vector<std::unique_ptr<DecisionTree>> list;
+  list.push_back(std::move(tree));
+  const DecisionForest forest(std::move(list));
+  testing::Scene scene = empty_scene();
+  paint(scene, {40, 40, 43, 43}, 1, 2000);
+  Outputs out;
+  try {
+    classify(forest, scene, {1}, {}, out);
+    FAIL();
+  } catch (const std::logic_error& e) {
+    EXPECT_STREQ(e.what(), "Unsupported feature type");
   }
 }
 
