@@ -158,6 +158,9 @@ void write_forest(const DecisionForest& forest, std::ostream& out) {
     std::vector<NodeRecord> records;
     records.reserve(tree.nodes.size());
     for (const TreeNode& node : tree.nodes) {
+      if (node.target > forest_format::kIndexMask) {
+        throw std::length_error("write_forest: node index beyond 31 bits");
+      }
       if (node.is_leaf) {
         records.push_back(leaf_record(static_cast<uint32_t>(node.target)));
       } else {

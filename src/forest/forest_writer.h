@@ -44,7 +44,7 @@ class ForestFileWriter {
   explicit ForestFileWriter(std::ostream& out) : out_(out) {}
 
   void signature();
-  // The header chunk; the reader does not look at its type.
+  // Chunk types are four characters. The header chunk's type is not read back.
   void header(uint32_t version = 1, const char* type = "QHDR");
   void offsets(const std::vector<ProbeOffsets>& entries);
   void tree(uint32_t node_count, uint32_t distribution_count);
