@@ -108,8 +108,9 @@ void FrameClassifier::classify_user(const op::Image<uint16_t>& depth,
     context_labels_.push_back(candidate);
     classify_segments(depth, label_map, statistics, target_labels_, context_labels_, labels,
                       user_ids, score, region, pool);
-    // A pass that found nothing to do leaves the previous score in place (see the
-    // closing note of the classifier): no pixel was marked, only the context changes.
+    // A pass that found nothing to do leaves the previous score in place, so such a
+    // candidate is judged on the pass before it; no pixel was marked, so only the
+    // context list can change.
     if (score >= threshold) {
       mark_pass_pixels(user_ids, user.id);
     } else {  // below the threshold, or NaN
