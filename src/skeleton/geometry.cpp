@@ -4,18 +4,6 @@
 
 namespace quorvik::skeleton {
 
-Vector3 normalize(const Vector3& v) {
-  const double len = std::sqrt(double{v.x} * v.x + double{v.y} * v.y + double{v.z} * v.z);
-  if (len <= 1e-9) return {};
-  const auto l = static_cast<float>(len);
-  return {v.x / l, v.y / l, v.z / l};
-}
-
-Quaternion product(const Quaternion& p, const Quaternion& q) {
-  return {p.w * q.w - p.x * q.x - p.y * q.y - p.z * q.z, p.w * q.x + p.x * q.w + p.y * q.z - p.z * q.y,
-          p.w * q.y - p.x * q.z + p.y * q.w + p.z * q.x, p.w * q.z + p.x * q.y - p.y * q.x + p.z * q.w};
-}
-
 Quaternion inverse(const Quaternion& q) {
   const float norm = std::sqrt(q.w * q.w + q.x * q.x + q.y * q.y + q.z * q.z);
   return {q.w / norm, -q.x / norm, -q.y / norm, -q.z / norm};
@@ -44,14 +32,6 @@ Quaternion rotation_between(const Vector3& from, const Vector3& to) {
   const Quaternion q{1.f + d, c.x, c.y, c.z};
   const float norm = std::sqrt(q.w * q.w + q.x * q.x + q.y * q.y + q.z * q.z);
   return {q.w / norm, q.x / norm, q.y / norm, q.z / norm};
-}
-
-Vector3 rotate(const Vector3& v, const Quaternion& q) {
-  // v + 2w(u x v) + 2u x (u x v), u the vector part; equal to v * rotation_matrix(q) for
-  // unit quaternions.
-  const Vector3 u{q.x, q.y, q.z};
-  const Vector3 t = cross(u, v) * 2.f;
-  return v + t * q.w + cross(u, t);
 }
 
 Matrix4 operator*(const Matrix4& a, const Matrix4& b) {
@@ -91,12 +71,6 @@ Vector3 transform_point(const Vector3& p, const Matrix4& a) {
   const float w = p.x * m[3] + p.y * m[7] + p.z * m[11] + m[15];
   if (w != 1.f) r = r / w;
   return r;
-}
-
-Vector3 transform_direction(const Vector3& p, const Matrix4& a) {
-  const auto& m = a.m;
-  return {p.x * m[0] + p.y * m[4] + p.z * m[8], p.x * m[1] + p.y * m[5] + p.z * m[9],
-          p.x * m[2] + p.y * m[6] + p.z * m[10]};
 }
 
 float& Matrix3::operator()(unsigned row, unsigned column) {

@@ -48,7 +48,12 @@ inline float length(const Vector3& v) { return std::sqrt(length_squared(v)); }
 
 // Zero for vectors of length 1e-9 or less; the length is summed in double precision so
 // tiny differences of large coordinates still normalise.
-Vector3 normalize(const Vector3& v);
+inline Vector3 normalize(const Vector3& v) {
+  const double len = std::sqrt(double{v.x} * v.x + double{v.y} * v.y + double{v.z} * v.z);
+  if (len <= 1e-9) return {};
+  const auto inv = static_cast<float>(1.0 / len);
+  return {v.x * inv, v.y * inv, v.z * inv};
+}
 
 struct Quaternion {
   float w = 1.f, x = 0.f, y = 0.f, z = 0.f;
@@ -58,7 +63,10 @@ struct Quaternion {
 };
 
 // p ⊗ q: rotates by q first, then by p.
-Quaternion product(const Quaternion& p, const Quaternion& q);
+inline Quaternion product(const Quaternion& p, const Quaternion& q) {
+  return {p.w * q.w - p.x * q.x - p.y * q.y - p.z * q.z, p.w * q.x + p.x * q.w + p.y * q.z - p.z * q.y,
+          p.w * q.y - p.x * q.z + p.y * q.w + p.z * q.x, p.w * q.z + p.x * q.y - p.y * q.x + p.z * q.w};
+}
 inline Quaternion operator*(const Quaternion& p, const Quaternion& q) { return product(p, q); }
 // Conjugate divided by the norm.
 Quaternion inverse(const Quaternion& q);
@@ -66,8 +74,13 @@ Quaternion inverse(const Quaternion& q);
 Quaternion euler_to_quaternion(float x, float y, float z);
 // The shortest turn that takes direction a onto direction b; a half turn for opposite ones.
 Quaternion rotation_between(const Vector3& a, const Vector3& b);
-// v rotated by q (the same as v * rotation_matrix(q)).
-Vector3 rotate(const Vector3& v, const Quaternion& q);
+// v rotated by the unit quaternion q (the same as v * rotation_matrix(q)):
+// v + 2w(u x v) + 2u x (u x v), u the vector part.
+inline Vector3 rotate(const Vector3& v, const Quaternion& q) {
+  const Vector3 u{q.x, q.y, q.z};
+  const Vector3 t = cross(u, v) * 2.f;
+  return v + t * q.w + cross(u, t);
+}
 
 struct Matrix4 {
   std::array<float, 16> m{};
@@ -96,7 +109,11 @@ Matrix4 rotation_matrix(const Quaternion& q);
 // Divides by the homogeneous weight only when it is not exactly 1.
 Vector3 transform_point(const Vector3& p, const Matrix4& m);
 // Direction through the upper 3x3 part (no translation, no divide).
-Vector3 transform_direction(const Vector3& v, const Matrix4& m);
+inline Vector3 transform_direction(const Vector3& p, const Matrix4& a) {
+  const auto& m = a.m;
+  return {p.x * m[0] + p.y * m[4] + p.z * m[8], p.x * m[1] + p.y * m[5] + p.z * m[9],
+          p.x * m[2] + p.y * m[6] + p.z * m[10]};
+}
 
 class Matrix3 {
  public:

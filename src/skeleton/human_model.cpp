@@ -58,8 +58,9 @@ void Bone::update() {
     offset.dirty = true;
   }
   localRotation = product(offset.rotation, pose.rotation);
-  offset.rebuild();
-  pose.rebuild();
+  // A clean transform's matrix already matches its rotation and translation.
+  if (offset.dirty) offset.rebuild();
+  if (pose.dirty) pose.rebuild();
   localMatrix = pose.matrix * offset.matrix;
   if (!parent) {
     globalRotation = localRotation;

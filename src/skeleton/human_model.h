@@ -15,7 +15,7 @@ namespace quorvik::skeleton {
 struct BoneTransform {
   Quaternion rotation;
   Vector3 translation;
-  Matrix4 matrix;  // rotation then translation; valid when not dirty
+  Matrix4 matrix = Matrix4::identity();  // rotation then translation; valid when not dirty
   bool dirty = true;
 
   void rebuild() {
@@ -51,12 +51,24 @@ class Bone {
     update();
     return globalRotation;
   }
-  Vector3 start_point() { return transform_point({0.f, 0.f, 0.f}, global_matrix()); }
-  Vector3 end_point() { return transform_point({0.f, length, 0.f}, global_matrix()); }
+  // The global matrix applied to (0, 0, 0) and to (0, length, 0), written out.
+  Vector3 start_point() {
+    const auto& m = global_matrix().m;
+    const Vector3 p{m[12], m[13], m[14]};
+    return m[15] != 1.f ? p / m[15] : p;
+  }
+  Vector3 end_point() {
+    const auto& m = global_matrix().m;
+    const Vector3 p{length * m[4] + m[12], length * m[5] + m[13], length * m[6] + m[14]};
+    const float w = length * m[7] + m[15];
+    return w != 1.f ? p / w : p;
+  }
 
   // Stores a new pose rotation when it differs from the current one; returns whether it did.
   bool set_pose_rotation(const Quaternion& rotation);
 
+  // Whoever writes pose or offset directly sets that transform's dirty flag and marks the
+  // subtree dirty.
   Bone* parent = nullptr;
   HumanBoneType type;
   BoneTrackingState state = BoneTrackingState::Untracked;

@@ -37,6 +37,25 @@ struct PassContext {
       const LengthTarget* l = targets.length_target(bones[i]->type);
       lengthTargets[i] = l ? l->length : std::nullopt;
     }
+    count_contributors();
+  }
+
+  // For every bone b, the bones of its subtree that have a position target, each with the
+  // number of chain ends at or below b that count it (those it does not lie beyond); and
+  // the number of chain ends at or below b. Neither changes during a fit.
+  void count_contributors() {
+    for (size_t i = 0; i < kBones; ++i) {
+      const HumanBoneType b = bones[i]->type;
+      ends[i] = 0;
+      for (HumanBoneType c : chainEnds) ends[i] += above_or_at(b, c) ? 1 : 0;
+      if (ends[i] == 0) continue;
+      for (Bone* k : subtrees[i]) {
+        if (is_terminal_bone(k->type) || !positionTargets[index_of(k->type)]) continue;
+        int count = 0;
+        for (HumanBoneType c : chainEnds) count += above_or_at(b, c) && !below(k->type, c) ? 1 : 0;
+        if (count > 0) contributors[i].push_back({k, count});
+      }
+    }
   }
 
   static void collect(Bone* bone, std::vector<Bone*>& out) {
@@ -56,39 +75,40 @@ struct PassContext {
   std::array<std::vector<Bone*>, kBones> subtrees;
   std::array<std::optional<Vector3>, kBones> positionTargets;
   std::array<std::optional<float>, kBones> lengthTargets;
+  struct Contributor {
+    Bone* bone;
+    int count;
+  };
+  std::array<std::vector<Contributor>, kBones> contributors;
+  std::array<int, kBones> ends{};
   const std::vector<HumanBoneType>& chainEnds;
 };
 
 bool takes_part(HumanBoneType b) { return b != HumanBoneType::Root && !is_terminal_bone(b); }
 
+// Every chain end at or below b counts the targets of b's subtree once, skipping those
+// beyond that chain end. A bone's contribution does not depend on the chain end, so it is
+// computed once and weighted by the number of chain ends that count it.
 void direction_pass_impl(PassContext& ctx) {
   if (ctx.chainEnds.empty()) return;
   for (size_t i = 0; i < kBones; ++i) {
     Bone& b = *ctx.bones[i];
     // Root and terminal bones never collect a contribution, so they never turn.
-    if (!takes_part(b.type)) continue;
+    if (!takes_part(b.type) || ctx.contributors[i].empty()) continue;
     const Quaternion parentRotation = b.parent ? b.parent->global_rotation() : Quaternion::identity();
     const Matrix4 toRest = rotation_matrix(inverse(product(parentRotation, b.offset.rotation)));
     const Vector3 s = b.start_point();
-    const Vector3 d = normalize(b.end_point() - s);
-    const Vector3 l = transform_direction(d, toRest);
+    const Vector3 l = transform_direction(normalize(b.end_point() - s), toRest);
     Vector3 sum;
     int n = 0;
-    for (HumanBoneType c : ctx.chainEnds) {
-      if (!PassContext::above_or_at(b.type, c)) continue;
-      for (Bone* k : ctx.subtrees[i]) {
-        if (is_terminal_bone(k->type) || PassContext::below(k->type, c)) continue;
-        const auto& target = ctx.positionTargets[index_of(k->type)];
-        if (!target) continue;
-        const Vector3 wanted = normalize(*target - s);
-        const Vector3 current = normalize(k->end_point() - s);
-        const Quaternion q =
-            rotation_between(transform_direction(current, toRest), transform_direction(wanted, toRest));
-        sum += rotate(l, q);
-        ++n;
-      }
+    for (const auto& [k, count] : ctx.contributors[i]) {
+      const Vector3 wanted = normalize(*ctx.positionTargets[index_of(k->type)] - s);
+      const Vector3 current = normalize(k->end_point() - s);
+      const Quaternion q =
+          rotation_between(transform_direction(current, toRest), transform_direction(wanted, toRest));
+      sum += rotate(l, q) * static_cast<float>(count);
+      n += count;
     }
-    if (n == 0) continue;
     const Vector3 w = normalize(sum / static_cast<float>(n));
     if (dot(w, l) < 0.9999f) {
       b.set_pose_rotation(rotation_between({0.f, 1.f, 0.f}, w));
@@ -101,24 +121,20 @@ void length_pass_impl(PassContext& ctx) {
   if (ctx.chainEnds.empty()) return;
   for (size_t i = 0; i < kBones; ++i) {
     Bone& b = *ctx.bones[i];
-    if (!takes_part(b.type)) continue;
+    const int ends = ctx.ends[i];
+    if (!takes_part(b.type) || ends == 0) continue;
     const Vector3 s = b.start_point();
     const Vector3 d = normalize(b.end_point() - s);
     float sum = 0.f;
     int n = 0;
-    for (HumanBoneType c : ctx.chainEnds) {
-      if (!PassContext::above_or_at(b.type, c)) continue;
-      if (const auto& wanted = ctx.lengthTargets[i]) {
-        sum += *wanted - b.length;
-        ++n;
-      }
-      for (Bone* k : ctx.subtrees[i]) {
-        if (is_terminal_bone(k->type) || PassContext::below(k->type, c)) continue;
-        const auto& target = ctx.positionTargets[index_of(k->type)];
-        if (!target) continue;
-        sum += dot(*target - s, d) - dot(k->end_point() - s, d);
-        ++n;
-      }
+    if (const auto& wanted = ctx.lengthTargets[i]) {
+      sum += static_cast<float>(ends) * (*wanted - b.length);
+      n += ends;
+    }
+    for (const auto& [k, count] : ctx.contributors[i]) {
+      const Vector3& target = *ctx.positionTargets[index_of(k->type)];
+      sum += static_cast<float>(count) * (dot(target - s, d) - dot(k->end_point() - s, d));
+      n += count;
     }
     if (n > 0) {
       const float newLength = b.length + sum / static_cast<float>(n);
