@@ -92,23 +92,6 @@ void BoneForce::rebuild(HumanBoneType bone_type, const Vector3& s, const Vector3
   histogram.reset();
 }
 
-void BoneForce::project(const Vector3& p, float tMin, float tMax, Vector3& q, float& t) const {
-  if (length < 0.1f) {
-    q = start;
-    t = 0.f;
-    return;
-  }
-  const Vector3 axis = end - start;
-  t = std::clamp(dot(p - start, axis) / (length * length), tMin, tMax);
-  if (t < 0.f) {
-    q = start;
-  } else if (t > 1.f) {
-    q = end;
-  } else {
-    q = start + axis * t;
-  }
-}
-
 const HumanProposal& HumanProposals::at(HumanBoneType bone) const {
   auto it = entries_.find(bone);
   if (it == entries_.end()) throw std::logic_error("HumanProposal: Unsupported HumanBoneType");

@@ -3,6 +3,7 @@
 // label covers, each bone takes the rigid motion that best carries its projected points onto
 // the observed ones, and bones with enough well-spread support are proposed.
 
+#include <algorithm>
 #include <memory>
 #include <optional>
 #include <unordered_map>
@@ -56,7 +57,22 @@ struct BoneForce {
   // Re-initialises the record in place; the sample storage is kept for reuse.
   void rebuild(HumanBoneType type, const Vector3& start, const Vector3& end, float length);
   // Projection of p onto the segment, t clamped to [t_min, t_max].
-  void project(const Vector3& p, float tMin, float tMax, Vector3& q, float& t) const;
+  void project(const Vector3& p, float tMin, float tMax, Vector3& q, float& t) const {
+    if (length < 0.1f) {
+      q = start;
+      t = 0.f;
+      return;
+    }
+    const Vector3 axis = end - start;
+    t = std::clamp(dot(p - start, axis) / (length * length), tMin, tMax);
+    if (t < 0.f) {
+      q = start;
+    } else if (t > 1.f) {
+      q = end;
+    } else {
+      q = start + axis * t;
+    }
+  }
 
   HumanBoneType type;
   Vector3 start, end;

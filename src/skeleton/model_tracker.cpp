@@ -102,8 +102,10 @@ void direction_pass_impl(PassContext& ctx) {
     Vector3 sum;
     int n = 0;
     for (const auto& [k, count] : ctx.contributors[i]) {
-      const Vector3 wanted = normalize(*ctx.positionTargets[index_of(k->type)] - s);
-      const Vector3 current = normalize(k->end_point() - s);
+      // rotation_between normalises its arguments, and turning by toRest keeps lengths, so
+      // the differences go in as they are.
+      const Vector3 wanted = *ctx.positionTargets[index_of(k->type)] - s;
+      const Vector3 current = k->end_point() - s;
       const Quaternion q =
           rotation_between(transform_direction(current, toRest), transform_direction(wanted, toRest));
       sum += rotate(l, q) * static_cast<float>(count);

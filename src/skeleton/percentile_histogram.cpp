@@ -31,18 +31,6 @@ void PercentileHistogram::reset() {
   total_ = 0;
 }
 
-uint64_t PercentileHistogram::bin_of(float value) const {
-  // A NaN fails both comparisons and counts in the first bin.
-  const float clamped = value >= 0.f ? std::min(value, 1.f) : 0.f;
-  auto i = static_cast<uint64_t>(clamped * static_cast<float>(binCount_));
-  return std::min(i, binCount_ - 1);
-}
-
-void PercentileHistogram::add(float value) {
-  ++total_;
-  ++bins_[bin_of(value)];
-}
-
 float PercentileHistogram::value_for_percentile(float percentile) const {
   auto k = static_cast<int64_t>(std::round(static_cast<float>(total_) * percentile));
   if (k < 0) k = 0;

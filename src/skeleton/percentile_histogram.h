@@ -17,7 +17,10 @@ class PercentileHistogram {
 
   void reset();
   // Values outside [0, 1] count in the first or last bin.
-  void add(float value);
+  void add(float value) {
+    ++total_;
+    ++bins_[bin_of(value)];
+  }
 
   float value_for_percentile(float percentile) const;
   float upper_fence() const;
@@ -32,7 +35,12 @@ class PercentileHistogram {
   uint64_t bin_count() const { return binCount_; }
 
  private:
-  uint64_t bin_of(float value) const;
+  uint64_t bin_of(float value) const {
+    // A NaN fails both comparisons and counts in the first bin.
+    const float clamped = value >= 0.f ? (value < 1.f ? value : 1.f) : 0.f;
+    const auto i = static_cast<uint64_t>(clamped * static_cast<float>(binCount_));
+    return i < binCount_ ? i : binCount_ - 1;
+  }
 
   uint64_t binCount_;
   std::unique_ptr<uint32_t[]> bins_;
