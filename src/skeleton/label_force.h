@@ -104,7 +104,6 @@ class HumanProposals {
   // Raises std::logic_error "HumanProposal: Unsupported HumanBoneType" for a missing bone.
   const HumanProposal& at(HumanBoneType bone) const;
   HumanProposal& at(HumanBoneType bone);
-  void set(const HumanProposal& proposal) { entries_[proposal.type] = proposal; }
   void erase(HumanBoneType bone) { entries_.erase(bone); }
   bool contains(HumanBoneType bone) const { return entries_.count(bone) != 0; }
   size_t size() const { return entries_.size(); }
