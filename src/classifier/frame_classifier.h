@@ -12,6 +12,7 @@
 
 #include "classifier/classify_params.h"
 #include "classifier/pixel_label.h"
+#include "skeleton/region_box.h"
 #include "forest/decision_forest.h"
 #include "op/image.h"
 #include "segmentation/user_statistics.h"
@@ -25,14 +26,6 @@ class ThreadPool;
 
 namespace quorvik::skeleton {
 
-// Inclusive box that grows over the target boxes classified during one call.
-struct RegionBox {
-  int32_t x0 = 0;
-  int32_t y0 = 0;
-  int32_t x1 = 0;
-  int32_t y1 = 0;
-  bool empty = true;
-};
 
 // What the classifier reads of a per-user record.
 struct ClassifierUser {
