@@ -1,0 +1,396 @@
+#include "segmentation/background_model.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+
+#include <emmintrin.h>
+
+#include "segmentation/min_filter.h"
+
+namespace quorvik::legacy {
+
+namespace {
+
+constexpr double kRecedeWeights[20] = {1.0,    0.3369, 0.1912, 0.1318, 0.0997, 0.0792, 0.0649,
+                                       0.0546, 0.047,  0.0414, 0.0371, 0.0339, 0.0315, 0.0296,
+                                       0.0282, 0.027,  0.0261, 0.0253, 0.0247, 0.0241};
+
+inline uint16_t saturating_increment(uint16_t v) { return v == 0xFFFF ? v : uint16_t(v + 1); }
+
+// Shift noise grows with the shift (far surfaces return fewer, noisier dots).
+inline int32_t steady_tolerance(int32_t shift) { return 2 + shift / 256; }
+
+int32_t find_root(std::vector<int32_t>& parent, int32_t i) {
+  while (parent[size_t(i)] != i) {
+    parent[size_t(i)] = parent[size_t(parent[size_t(i)])];
+    i = parent[size_t(i)];
+  }
+  return i;
+}
+
+// steady[i] + 1 (saturating) where the three shifts agree within the tolerance, else 0.
+// Eight pixels at a time; shifts stay below 32768.
+void update_steady_runs(const uint16_t* c, const uint16_t* p, const uint16_t* pp, uint16_t* steady, int32_t n) {
+  int32_t i = 0;
+  const __m128i zero = _mm_setzero_si128(), one = _mm_set1_epi16(1), two = _mm_set1_epi16(2);
+  for (; i + 8 <= n; i += 8) {
+    const __m128i vc = _mm_loadu_si128(reinterpret_cast<const __m128i*>(c + i));
+    const __m128i vp = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + i));
+    const __m128i vpp = _mm_loadu_si128(reinterpret_cast<const __m128i*>(pp + i));
+    const __m128i tol = _mm_add_epi16(two, _mm_srli_epi16(vc, 8));
+    const __m128i d1 = _mm_sub_epi16(_mm_max_epi16(vc, vp), _mm_min_epi16(vc, vp));
+    const __m128i d2 = _mm_sub_epi16(_mm_max_epi16(vc, vpp), _mm_min_epi16(vc, vpp));
+    const __m128i d3 = _mm_sub_epi16(_mm_max_epi16(vp, vpp), _mm_min_epi16(vp, vpp));
+    __m128i unsteady = _mm_or_si128(_mm_cmpgt_epi16(d1, tol), _mm_cmpgt_epi16(d2, tol));
+    unsteady = _mm_or_si128(unsteady, _mm_or_si128(_mm_cmpgt_epi16(d3, tol), _mm_cmpeq_epi16(vc, zero)));
+    const __m128i run = _mm_adds_epu16(_mm_loadu_si128(reinterpret_cast<const __m128i*>(steady + i)), one);
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(steady + i), _mm_andnot_si128(unsteady, run));
+  }
+  for (; i < n; ++i) {
+    const int32_t tol = steady_tolerance(c[i]);
+    const bool ok = c[i] != 0 && std::abs(int32_t(c[i]) - p[i]) <= tol && std::abs(int32_t(c[i]) - pp[i]) <= tol &&
+                    std::abs(int32_t(p[i]) - pp[i]) <= tol;
+    steady[i] = ok ? saturating_increment(steady[i]) : uint16_t{0};
+  }
+}
+
+void join(std::vector<int32_t>& parent, int32_t a, int32_t b) {
+  a = find_root(parent, a);
+  b = find_root(parent, b);
+  if (a < b) {
+    parent[size_t(b)] = a;
+  } else if (b < a) {
+    parent[size_t(a)] = b;
+  }
+}
+
+}  // namespace
+
+void BackgroundModel::start(int32_t w, int32_t h, const uint16_t* shiftToDepth, uint32_t length,
+                            const Mapper* mapper) {
+  shiftToDepth_ = shiftToDepth;
+  shiftToDepthLength_ = shiftToDepth ? length : 0;
+  mapper_ = mapper;
+  allocate(w, h);
+  reset();
+  reinitialise = false;
+  timestamps.reset();
+  foregroundChange.reset();
+  receding.reset();
+  newBackground.reset();
+}
+
+void BackgroundModel::reset() {
+  untouched = true;
+  badFrame = false;
+  sceneChanging = false;
+  framesSinceReset = 30;
+}
+
+void BackgroundModel::allocate(int32_t w, int32_t h) {
+  width = w;
+  height = h;
+  pixelCount = w * h;
+  for (Array2D<uint16_t>* image : {&background, &foreground, &filteredBackground, &zeroRun, &shadowRun,
+                                   &nearChange, &steadyRun}) {
+    image->resize(w, h);
+    image->clear();
+  }
+  absorbCounter.resize(w, h);
+  absorbCounter.clear();
+  regionLabel.resize(w, h);
+  regionLabel.clear();
+  filterScratch_.resize(w + 16);
+  parent_.reserve(size_t(pixelCount) + 1);
+  regions_.reserve(size_t(pixelCount) + 1);
+}
+
+uint32_t BackgroundModel::area_scale() const {
+  if (mapper_ == nullptr) return 0;
+  const double k = 512.0 * mapper_->inverseFocal;
+  return static_cast<uint32_t>(k * k);
+}
+
+bool BackgroundModel::frame_is_bad(const BackgroundInputs& in) const {
+  const uint16_t* c = in.shift->data();
+  int32_t invalid = 0;
+  for (int32_t i = 0; i < pixelCount; ++i) invalid += c[i] == 0;
+  const ValidBox& b = in.validBox;
+  const int64_t boxArea = 2 * int64_t(b.right - b.left) * int64_t(b.bottom - b.top);
+  return invalid > 0.9 * pixelCount || boxArea < pixelCount;
+}
+
+void BackgroundModel::update(const BackgroundInputs& in) {
+  if (in.shift->width() != width || in.shift->height() != height) {
+    allocate(in.shift->width(), in.shift->height());
+    reset();
+  }
+  const uint32_t scale = area_scale();
+  resetThisFrame = false;
+
+  if (reinitialise) {
+    background = *in.shift;
+    zeroRun.clear();
+    shadowRun.clear();
+    framesSinceReset = 0;
+    resetThisFrame = true;
+    reinitialise = false;
+    badFrame = frame_is_bad(in);
+    foregroundChange.push(0);
+    receding.push(0);
+    newBackground.push(0);
+  } else {
+    if (badFrame || framesSinceReset == 30) {
+      resetThisFrame = true;
+      zeroRun.clear();
+      shadowRun.clear();
+      background.fill(kAcceptAny);
+    }
+    uint64_t recedeArea = 0, newArea = 0;
+    for (int32_t y = 0; y < height; ++y) {
+      const uint16_t* c = in.shift->row(y);
+      const uint16_t* p = in.shiftPrevious->row(y);
+      const uint16_t* pp = in.shiftBefore->row(y);
+      const uint16_t* h = in.shadow->row(y);
+      const uint16_t* raw = in.raw->row(y);
+      uint16_t* b = background.row(y);
+      uint16_t* zr = zeroRun.row(y);
+      uint16_t* sr = shadowRun.row(y);
+      for (int32_t x = 0; x < width; ++x) {
+        if (c[x] != 0 || h[x] != 0) {
+          zr[x] = 0;
+          sr[x] = h[x] != 0 ? saturating_increment(sr[x]) : uint16_t{0};
+        } else {
+          zr[x] = saturating_increment(zr[x]);
+          sr[x] = 0;
+        }
+        // A shadow cast by something farther than the background contradicts it.
+        if (c[x] == 0 && int32_t(h[x]) > int32_t(b[x]) + 6 && sr[x] >= 3) b[x] = 0;
+      }
+      for (int32_t x = 0; x < width; ++x) {
+        if (zr[x] > 10) b[x] = 0;
+        if (b[x] != 0 && c[x] > b[x]) {
+          if (b[x] == kAcceptAny) {
+            const uint32_t a = area_of(raw[x]);
+            recedeArea += a;
+            newArea += a;
+          } else {
+            recedeArea += area_of(depth_of(b[x]));
+          }
+          const int32_t cp = std::abs(int32_t(c[x]) - p[x]);
+          const int32_t cpp = std::abs(int32_t(c[x]) - pp[x]);
+          const int32_t ppp = std::abs(int32_t(p[x]) - pp[x]);
+          if (std::max({cp, cpp, ppp}) < 6) b[x] = c[x];
+        }
+      }
+    }
+    foregroundChange.push(0);
+    receding.push(static_cast<uint32_t>(std::min<uint64_t>(recedeArea * scale, UINT32_MAX)));
+    newBackground.push(static_cast<uint32_t>(std::min<uint64_t>(newArea * scale, UINT32_MAX)));
+    framesSinceReset = std::min(framesSinceReset + 1, 35u);
+    badFrame = frame_is_bad(in);
+  }
+
+  update_near_change(in);
+  detect_motion(static_cast<double>(in.timestampMs) * 0.001);
+
+  if (reinitialise) {
+    nearChange.clear();
+    foreground.clear();
+    resetThisFrame = true;
+  } else {
+    validate_regions(in);
+    compute_foreground(*in.shift);
+  }
+  untouched = false;
+}
+
+void BackgroundModel::update_near_change(const BackgroundInputs& in) {
+  if (untouched) nearChange.clear();
+  int64_t gained = 0, lost = 0;
+  for (int32_t i = 0; i < pixelCount; ++i) {
+    const int32_t c = (*in.shift)[i];
+    const int32_t b = background[i];
+    const uint16_t value = (c != 0 && (b == 0 || c < b - 3)) ? (*in.raw)[i] : uint16_t{0};
+    const uint16_t old = nearChange[i];
+    if (old == 0 && value != 0 && (*in.rawPrevious)[i] != 0) gained += area_of(value);
+    if (old != 0 && value == 0) lost += area_of(old);
+    nearChange[i] = value;
+  }
+  const int64_t change = (gained - lost) * int64_t(area_scale());
+  foregroundChange.newest() = static_cast<int32_t>(std::clamp<int64_t>(change, INT32_MIN, INT32_MAX));
+}
+
+void BackgroundModel::detect_motion(double t) {
+  timestamps.push(t);
+  if (untouched) return;
+  bool detected = false;
+  changeDepth = 0;
+
+  if ((framesSinceReset >= 4 && framesSinceReset <= 30) || framesSinceReset >= 35) {
+    double sum = 0;
+    for (int k = 0; k < foregroundChange.count() && k + 1 < timestamps.count(); ++k) {
+      sum += foregroundChange[k];
+      const double dt = t - timestamps[k + 1];
+      if (dt <= 0) continue;
+      const double threshold = 5000000.0 + 2000000.0 * k;
+      if ((k + 1) * sum / dt > threshold) {
+        detected = true;
+        changeDepth = uint32_t(k);
+      }
+    }
+  }
+
+  double appeared = 0;
+  for (int j = 0; j < newBackground.count(); ++j) appeared += newBackground[j] * kRecedeWeights[j];
+  for (int m = 1; m < receding.count() && m < timestamps.count(); ++m) {
+    if (receding[m] == 0) break;
+    const double dt = t - timestamps[m];
+    if (dt <= 0) continue;
+    const double moved = std::trunc((double(receding[0]) - double(receding[m])) - appeared);
+    const double rate = moved * m / dt;
+    if (rate > 6000000.0 + 1000000.0 * m) {
+      detected = true;
+      changeDepth = std::max(changeDepth, uint32_t(m - 1));
+    }
+  }
+
+  if (detected || sceneChanging == detected) {
+    sceneChanging = detected;
+  } else {
+    // The change has settled: start over from the scene as it is now.
+    reinitialise = true;
+    framesSinceReset = 0;
+    sceneChanging = false;
+  }
+}
+
+// Region validation.
+//
+// The near changes are cut into 4-connected regions (neighbours join when their shifts differ
+// by at most the steadiness tolerance 2 + shift / 256). A region is held, and left alone,
+// when any of its pixels carries a user id in the users stage's label map or lies inside an
+// active user's box: a person who stands still is never swallowed while they are a user.
+// Every other region is tested against the three-frame shift history; a pixel is steady in
+// a frame when its current, previous and before-previous shifts differ pairwise by at most
+// the tolerance, and steadyRun counts such frames in a row. Two kinds of region join the
+// background here:
+//  - flecks: at most 4 pixels (smaller than any person the engine can label) steady for 15
+//    frames; these are depth-edge noise that would otherwise linger as foreground;
+//  - uncovered surfaces: regions with no known background behind any pixel (background 0,
+//    e.g. where the camera saw nothing before a door opened) steady for 90 frames.
+// Everything else (an object placed in front of a known background, a person who is not
+// yet a user) stays foreground until the absorption of the pipeline takes it after 151
+// frames or the users stage hands it back; a receding surface (furniture moved away, a door
+// opened) is followed at once by the farthest-stable rule of the update.
+void BackgroundModel::validate_regions(const BackgroundInputs& in) {
+  constexpr int32_t kFleckPixels = 4;
+  constexpr uint16_t kFleckFrames = 15;
+  constexpr uint16_t kUncoveredFrames = 90;
+
+  const Array2D<uint16_t>& c = *in.shift;
+  const Array2D<uint16_t>& p = *in.shiftPrevious;
+  const Array2D<uint16_t>& pp = *in.shiftBefore;
+  update_steady_runs(c.data(), p.data(), pp.data(), steadyRun.data(), pixelCount);
+
+  parent_.assign(1, 0);
+  for (int32_t y = 0; y < height; ++y) {
+    const uint16_t* near = nearChange.row(y);
+    const uint16_t* s = c.row(y);
+    int32_t* label = regionLabel.row(y);
+    const int32_t* up = y > 0 ? regionLabel.row(y - 1) : nullptr;
+    const uint16_t* sUp = y > 0 ? c.row(y - 1) : nullptr;
+    for (int32_t x = 0; x < width; ++x) {
+      label[x] = 0;
+      if (near[x] == 0) continue;
+      const int32_t tol = steady_tolerance(s[x]);
+      int32_t own = 0;
+      if (x > 0 && label[x - 1] != 0 && std::abs(int32_t(s[x]) - s[x - 1]) <= tol) own = label[x - 1];
+      if (up != nullptr && up[x] != 0 && std::abs(int32_t(s[x]) - sUp[x]) <= tol) {
+        if (own == 0) {
+          own = up[x];
+        } else {
+          join(parent_, own, up[x]);
+        }
+      }
+      if (own == 0) {
+        own = int32_t(parent_.size());
+        parent_.push_back(own);
+      }
+      label[x] = own;
+    }
+  }
+  if (parent_.size() <= 1) return;
+
+  regions_.assign(parent_.size(), RegionSummary{0, 0xFFFF, false, true});
+  const Array2D<uint16_t>* labels = in.labels;
+  const bool labelsUsable = labels != nullptr && labels->width() == width && labels->height() == height;
+  for (int32_t y = 0; y < height; ++y) {
+    int32_t* label = regionLabel.row(y);
+    for (int32_t x = 0; x < width; ++x) {
+      if (label[x] == 0) continue;
+      const int32_t root = find_root(parent_, label[x]);
+      label[x] = root;
+      RegionSummary& r = regions_[size_t(root)];
+      const int32_t i = y * width + x;
+      ++r.pixels;
+      r.minSteady = std::min(r.minSteady, steadyRun[i]);
+      if (background[i] != 0) r.unknownBehind = false;
+      if (labelsUsable && (*labels)[i] != 0) r.held = true;
+      for (int32_t k = 0; k < in.userBoxCount && !r.held; ++k) {
+        if (in.userBoxes[k].contains_pixel(x, y)) r.held = true;
+      }
+    }
+  }
+  for (int32_t i = 0; i < pixelCount; ++i) {
+    const int32_t root = regionLabel[i];
+    if (root == 0) continue;
+    const RegionSummary& r = regions_[size_t(root)];
+    if (r.held) continue;
+    const bool fleck = r.pixels <= kFleckPixels && r.minSteady >= kFleckFrames;
+    const bool uncovered = r.unknownBehind && r.minSteady >= kUncoveredFrames;
+    if (fleck || uncovered) {
+      background[i] = c[i];
+      nearChange[i] = 0;
+    }
+  }
+}
+
+void BackgroundModel::compute_foreground(const Array2D<uint16_t>& shift) {
+  min_filter_3x3(background.data(), filteredBackground.data(), width, height, filterScratch_.data());
+  for (int32_t i = 0; i < pixelCount; ++i) {
+    const int32_t c = shift[i];
+    foreground[i] = (c != 0 && c < int32_t(filteredBackground[i]) - 3) ? 1 : 0;
+  }
+}
+
+void BackgroundModel::take_region(const Array2D<uint16_t>& shift, const Array2D<uint16_t>& labels, uint16_t id,
+                                  const Box3D<int>& box, int32_t weight) {
+  if (box.empty() || !labels.same_shape(background)) return;
+  const int32_t x0 = std::max(box.minX, 0), x1 = std::min(box.maxX, width - 1);
+  const int32_t y0 = std::max(box.minY, 0), y1 = std::min(box.maxY, height - 1);
+  for (int32_t y = y0; y <= y1; ++y) {
+    for (int32_t x = x0; x <= x1; ++x) {
+      if (labels.at(x, y) == id) background.at(x, y) = shift.at(x, y);
+    }
+  }
+  newBackground.newest() += static_cast<uint32_t>(std::max(weight, 0));
+}
+
+void BackgroundModel::absorb(const Array2D<uint16_t>& shift, const Array2D<uint16_t>& labels) {
+  const bool labelsUsable = labels.same_shape(background);
+  for (int32_t i = 0; i < pixelCount; ++i) {
+    const bool nobody = !labelsUsable || labels[i] == 0;
+    if (foreground[i] != 0 && nobody) {
+      if (++absorbCounter[i] >= kAbsorbFrames) {
+        background[i] = shift[i];
+        absorbCounter[i] = 0;
+      }
+    } else {
+      absorbCounter[i] = 0;
+    }
+  }
+}
+
+}  // namespace quorvik::legacy

@@ -1,0 +1,105 @@
+#pragma once
+// The engine's model of the static scene in the shift domain, its foreground image and the
+// motion detector that notices when the whole scene changes (camera moved, lights, doors).
+
+#include <cstdint>
+#include <vector>
+
+#include "segmentation/containers.h"
+#include "segmentation/depth_frame_input.h"
+#include "segmentation/seg_coordinate_mapper.h"
+
+namespace quorvik::legacy {
+
+using Mapper = skeleton::SegCoordinateMapper<double>;
+
+// Everything one background update reads; the images are the input stage's.
+struct BackgroundInputs {
+  const Array2D<uint16_t>* raw = nullptr;
+  const Array2D<uint16_t>* rawPrevious = nullptr;
+  const Array2D<uint16_t>* shift = nullptr;
+  const Array2D<uint16_t>* shiftPrevious = nullptr;
+  const Array2D<uint16_t>* shiftBefore = nullptr;  // two frames back
+  const Array2D<uint16_t>* shadow = nullptr;
+  uint64_t timestampMs = 0;
+  ValidBox validBox;
+  const Array2D<uint16_t>* labels = nullptr;  // users stage's label map; may be null
+  const Box3D<int>* userBoxes = nullptr;      // boxes of the active users
+  int32_t userBoxCount = 0;
+  const Mapper* mapper = nullptr;
+};
+
+class BackgroundModel {
+ public:
+  static constexpr uint16_t kAcceptAny = 1;
+  static constexpr uint32_t kAbsorbFrames = 151;
+
+  void start(int32_t width, int32_t height, const uint16_t* shiftToDepth, uint32_t shiftToDepthLength,
+             const Mapper* mapper);
+  // The engine's reset: the next update rebuilds the background from what it sees.
+  void reset();
+  void update(const BackgroundInputs& in);
+
+  // A region the users stage found static: its pixels (label == id inside box) join the
+  // background at once.
+  void take_region(const Array2D<uint16_t>& shift, const Array2D<uint16_t>& labels, uint16_t id,
+                   const Box3D<int>& box, int32_t weight);
+  // Foreground that belongs to nobody for kAbsorbFrames frames in a row becomes background.
+  void absorb(const Array2D<uint16_t>& shift, const Array2D<uint16_t>& labels);
+
+  int32_t width = 0, height = 0, pixelCount = 0;
+  Array2D<uint16_t> background{0, 0, true};
+  Array2D<uint16_t> foreground{0, 0, true};
+  Array2D<uint16_t> filteredBackground{0, 0, true};
+  Array2D<uint16_t> zeroRun;
+  Array2D<uint16_t> shadowRun;
+  Array2D<uint32_t> absorbCounter;
+  Array2D<uint16_t> nearChange;
+  bool resetThisFrame = false;
+  bool badFrame = false;
+  bool reinitialise = false;
+  uint32_t framesSinceReset = 30;
+  bool sceneChanging = false;
+  uint32_t changeDepth = 0;
+  bool untouched = true;
+
+  ValueRing<double, 16> timestamps;       // seconds
+  ValueRing<int32_t, 15> foregroundChange;  // growth of the near changes per frame (mm^2)
+  ValueRing<uint32_t, 16> receding;         // area that moved farther than its background
+  ValueRing<uint32_t, 20> newBackground;    // the part of it that had no background yet
+
+  // Region validation state.
+  Array2D<uint16_t> steadyRun;  // frames in a row in which the shift held still
+  Array2D<int32_t> regionLabel;
+
+ private:
+  void allocate(int32_t width, int32_t height);
+  uint32_t area_scale() const;
+  static uint32_t area_of(uint32_t depth) {
+    const uint32_t a = (depth + 256) >> 9;
+    return a * a;
+  }
+  uint16_t depth_of(uint32_t shift) const {
+    return shift < shiftToDepthLength_ ? shiftToDepth_[shift] : uint16_t{0};
+  }
+  bool frame_is_bad(const BackgroundInputs& in) const;
+  void update_near_change(const BackgroundInputs& in);
+  void detect_motion(double t);
+  void validate_regions(const BackgroundInputs& in);
+  void compute_foreground(const Array2D<uint16_t>& shift);
+
+  const uint16_t* shiftToDepth_ = nullptr;
+  uint32_t shiftToDepthLength_ = 0;
+  const Mapper* mapper_ = nullptr;
+  Array<int16_t> filterScratch_;
+  std::vector<int32_t> parent_;
+  struct RegionSummary {
+    int32_t pixels = 0;
+    uint16_t minSteady = 0;
+    bool held = false;
+    bool unknownBehind = true;
+  };
+  std::vector<RegionSummary> regions_;
+};
+
+}  // namespace quorvik::legacy

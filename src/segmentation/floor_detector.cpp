@@ -1,0 +1,404 @@
+#include "segmentation/floor_detector.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+#include <utility>
+
+#include <Eigen/Eigenvalues>
+
+namespace quorvik::legacy {
+
+namespace {
+
+// Shift-to-depth model behind the plane geometry: depth ~ kB / (shift - kA) millimetres.
+constexpr double kA = 1086.1711023707649;
+constexpr double kB = -342205.32284491777;
+constexpr double kRadiansPerPixelAt1280 = 0.10520000010728836 / 120.0;
+
+int32_t to_fixed(double v) {
+  if (!std::isfinite(v)) return 0;
+  const double scaled = std::clamp(v * 1024.0, -2147483520.0, 2147483520.0);
+  return static_cast<int32_t>(std::lround(scaled));
+}
+
+void normalise(double v[3]) {
+  const double length = std::sqrt(v[0] * v[0] + v[1] * v[1] + v[2] * v[2]);
+  if (length <= 1e-8) {
+    v[0] = 1, v[1] = 0, v[2] = 0;
+    return;
+  }
+  v[0] /= length, v[1] /= length, v[2] /= length;
+}
+
+}  // namespace
+
+const double FloorDetector::kTiltLimit = std::cos(0.2617993877991494);
+
+void FloorHypothesis::allocate(int32_t width, int32_t height) {
+  a = b = c = 0;
+  normal[0] = normal[1] = normal[2] = 0;
+  std::fill(std::begin(plane), std::end(plane), 0.f);
+  onCount = beyondCount = 0;
+  valid = false;
+  score = 0;
+  mask->resize(width, height);
+  mask->clear();
+}
+
+void FloorDetector::start(uint32_t width, uint32_t height, const uint16_t* shiftToDepth, uint32_t length,
+                          const skeleton::SegCoordinateMapper<double>* mapper) {
+  width_ = width;
+  height_ = height;
+  shiftToDepth_ = shiftToDepth;
+  shiftToDepthLength_ = shiftToDepth ? length : 0;
+  mapper_ = mapper;
+  step_ = int32_t(width / kGridColumns);
+  random_.seed(1);
+  const double q = width >= 1 ? double(1280 / width) : 0.0;
+  const double k = q > 0 ? 1.0 / (q * kRadiansPerPixelAt1280) : 0.0;
+  for (int32_t s = 0; s < kShiftTableSize; ++s) {
+    focalTerm_[size_t(s)] = (s - kA) * k / kB;
+    inverseDepthTerm_[size_t(s)] = (kA - s) / kB;
+    curvatureTerm_[size_t(s)] = (kA - s) * (s - kA) / kB;
+  }
+  for (FloorHypothesis* h : {&current_, &scratch_, &candidate_}) h->allocate(int32_t(width), int32_t(height));
+  hasFloor_ = 0;
+  bestScore_ = kNoScore;
+}
+
+void FloorDetector::update(const Array2D<uint16_t>& shift, const Array2D<uint16_t>& background,
+                           bool backgroundReset) {
+  if (uint32_t(background.width()) != width_ || uint32_t(background.height()) != height_ ||
+      !shift.same_shape(background) || width_ == 0) {
+    return;
+  }
+  if (hasFloor_ != 0) {
+    evaluate(current_, background);
+    if (!backgroundReset || current_.valid) {
+      refine(current_, candidate_, background);
+      evaluate(candidate_, background);
+      if (candidate_.score > bestScore_ && candidate_.normal[1] >= kTiltLimit) {
+        bestScore_ = candidate_.score;
+        std::swap(current_, candidate_);
+      }
+    } else {
+      hasFloor_ = 0;
+      bestScore_ = kNoScore;
+      full_search(current_, scratch_, background);
+      if (!current_.valid) return;
+      bestScore_ = current_.score;
+      hasFloor_ = 1;
+    }
+  } else {
+    full_search(current_, scratch_, background);
+    if (!current_.valid) return;
+    bestScore_ = current_.score;
+    hasFloor_ = 1;
+  }
+  measure_world_plane(current_, background);
+  mark_floor(current_, shift);
+}
+
+void FloorDetector::full_search(FloorHypothesis& h, FloorHypothesis& work, const Array2D<uint16_t>& background) {
+  if (!histogram_search(h, background) && !random_search(h, background)) return;
+  evaluate(h, background);
+  for (int i = 0; i < 3 && !h.valid; ++i) {
+    refine(h, work, background);
+    if (work.normal[1] < kTiltLimit) break;
+    evaluate(work, background);
+    if (work.score <= h.score) break;
+    std::swap(h, work);
+  }
+}
+
+void FloorDetector::evaluate(FloorHypothesis& h, const Array2D<uint16_t>& image) const {
+  h.onCount = h.beyondCount = 0;
+  const uint32_t a = uint32_t(to_fixed(h.a)), b = uint32_t(to_fixed(h.b)), c = uint32_t(to_fixed(h.c));
+  Array2D<uint8_t>& mask = *h.mask;
+  const int32_t w = int32_t(width_), hh = int32_t(height_);
+  for (int32_t y = 2 * hh / 3; y < hh; ++y) {
+    const uint16_t* s = image.row(y);
+    uint8_t* m = mask.row(y);
+    const uint32_t rowBase = uint32_t(y) * b + c;
+    for (int32_t x = 0; x < w; ++x) {
+      if (s[x] == 0) {
+        m[x] = 0;
+        continue;
+      }
+      const uint32_t e = (rowBase + uint32_t(x) * a) >> 10;
+      if (uint32_t(s[x]) > e + 1) {
+        m[x] = 2;
+        ++h.beyondCount;
+      } else if (int32_t(s[x]) >= int32_t(e) - 1) {
+        m[x] = 1;
+        ++h.onCount;
+      } else {
+        m[x] = 0;
+      }
+    }
+  }
+  h.score = h.onCount * 0.2 - h.beyondCount;
+  h.valid = h.onCount >= width_ * height_ * 0.005 && h.onCount * 0.2 >= h.beyondCount;
+}
+
+void FloorDetector::mark_floor(FloorHypothesis& h, const Array2D<uint16_t>& image) const {
+  const uint32_t a = uint32_t(to_fixed(h.a)), b = uint32_t(to_fixed(h.b)), c = uint32_t(to_fixed(h.c));
+  Array2D<uint8_t>& mask = *h.mask;
+  const int32_t w = int32_t(width_), hh = int32_t(height_);
+  for (int32_t y = 2 * hh / 3; y < hh; ++y) {
+    const uint16_t* s = image.row(y);
+    uint8_t* m = mask.row(y);
+    const uint32_t rowBase = uint32_t(y) * b + c;
+    for (int32_t x = 0; x < w; ++x) {
+      const int32_t e = int32_t(rowBase + uint32_t(x) * a) >> 10;
+      m[x] = (s[x] != 0 && std::abs(int32_t(s[x]) - e) < 2) ? 1 : 0;
+    }
+  }
+}
+
+void FloorDetector::solve(const Sums& m, double& a, double& b, double& c) {
+  a = b = c = 0;
+  const double m00 = m.xx, m01 = m.xy, m02 = m.x, m11 = m.yy, m12 = m.y, m22 = m.n;
+  const double c00 = m11 * m22 - m12 * m12;
+  const double c01 = m02 * m12 - m01 * m22;
+  const double c02 = m01 * m12 - m02 * m11;
+  const double c11 = m00 * m22 - m02 * m02;
+  const double c12 = m01 * m02 - m00 * m12;
+  const double c22 = m00 * m11 - m01 * m01;
+  const double det = m00 * c00 + m01 * c01 + m02 * c02;
+  if (std::abs(det) <= 1e-8) return;
+  const double i00 = c00 / det, i01 = c01 / det, i02 = c02 / det;
+  const double i11 = c11 / det, i12 = c12 / det, i22 = c22 / det;
+  a = i00 * m.xs + i01 * m.ys + i02 * m.s;
+  b = i01 * m.xs + i11 * m.ys + i12 * m.s;
+  c = i02 * m.xs + i12 * m.ys + i22 * m.s;
+}
+
+void FloorDetector::build_grid(const Array2D<uint16_t>& background) {
+  grid_.fill(0);
+  if (step_ <= 0) return;
+  for (int32_t r = 0; r < kGridRows && r * step_ < int32_t(height_); ++r) {
+    for (int32_t c = 0; c < kGridColumns && c * step_ < int32_t(width_); ++c) {
+      grid_[size_t(r * kGridColumns + c)] = background.at(c * step_, r * step_);
+    }
+  }
+}
+
+bool FloorDetector::histogram_search(FloorHypothesis& h, const Array2D<uint16_t>& background) {
+  if (step_ <= 0) return false;
+  build_grid(background);
+  double histogram[50] = {};
+  int32_t count = 0;
+  selected_.reset();
+  const int32_t halfW = int32_t(width_ / 2), halfH = int32_t(height_ / 2);
+  for (int32_t r = 2 * kGridRows / 3; r < kGridRows; ++r) {
+    for (int32_t c = 2; c < kGridColumns; ++c) {
+      const int32_t B = grid_[size_t(r * kGridColumns + c)];
+      const int32_t A = grid_[size_t(r * kGridColumns + c - 2)];
+      const int32_t C = grid_[size_t((r - 2) * kGridColumns + c)];
+      if (A == 0 || B == 0 || C == 0 || !term_index(B)) continue;
+      const int32_t x = c * step_ - halfW;
+      const int32_t y = r * step_ - halfH;
+      int32_t dA = A - B, dC = C - B;
+      const double k = focalTerm_[size_t(B)];
+      const double v[3] = {k * dA, k * dC,
+                           (double(y) * dC + double(x) * dA) * inverseDepthTerm_[size_t(B)] +
+                               2.0 * step_ * curvatureTerm_[size_t(B)]};
+      const double length = std::sqrt(v[0] * v[0] + v[1] * v[1] + v[2] * v[2]);
+      const double share = length > 1e-8 ? k * dC / length : 0.0;
+      if (std::abs(share) < kTiltLimit) continue;
+      int32_t stepTerm = 2 * step_;
+      if (share < 0) dA = -dA, dC = -dC, stepTerm = -stepTerm;
+      double m[3] = {double(dA), double(dC), double(stepTerm)};
+      normalise(m);
+      const double offset = std::trunc(x * m[0] + y * m[1] + B * m[2]);
+      if (offset < 1 || offset > 1e9) continue;
+      const int32_t D = int32_t(offset);
+      offsets_[size_t(count)] = D;
+      samples_[size_t(count)] = {x + halfW, y + halfH, B};
+      selected_.set(size_t(count));
+      ++count;
+      histogram[std::min(D / 30, 49)] += mapper_->pixel_area_at(depth_of(B));
+    }
+  }
+  if (count == 0) return false;
+
+  const double minMass = double(50000 / (step_ * step_));
+  int32_t low = -1, high = -1;
+  for (int32_t p = 1; p <= 48; ++p) {
+    if (!(histogram[p] > histogram[p - 1] && histogram[p] > histogram[p + 1])) continue;
+    double mass = histogram[p];
+    int32_t lo = p, hi = p;
+    for (int32_t i = p + 1; i <= std::min(p + 3, 49); ++i) {
+      if (histogram[i] == 0) break;
+      mass += histogram[i];
+      hi = i;
+    }
+    for (int32_t i = p - 1; i >= std::max(p - 3, 1); --i) {
+      if (histogram[i] == 0) break;
+      mass += histogram[i];
+      lo = i;
+    }
+    if (mass >= minMass) low = lo, high = hi;
+  }
+  if (low < 0) return false;
+
+  Sums sums;
+  int32_t kept = 0;
+  for (int32_t i = 0; i < count; ++i) {
+    const int32_t D = offsets_[size_t(i)];
+    if (30 * low < D && D < 31 * high) {
+      const Sample& s = samples_[size_t(i)];
+      sums.add(s.x, s.y, s.shift);
+      ++kept;
+    } else {
+      selected_.reset(size_t(i));
+    }
+  }
+  const int32_t initial = kept;
+  double a = 0, b = 0, c = 0;
+  solve(sums, a, b, c);
+  while (2 * kept > initial) {
+    int64_t worst = -1;
+    int32_t worstIndex = -1;
+    for (int32_t i = 0; i < count; ++i) {
+      if (!selected_.test(size_t(i))) continue;
+      const Sample& s = samples_[size_t(i)];
+      const double residual = std::abs(a * s.x + b * s.y + c - s.shift);
+      const int64_t truncated = residual < 9e18 ? int64_t(residual) : INT64_MAX;
+      if (truncated > worst) worst = truncated, worstIndex = i;
+    }
+    if (worst <= 1) break;
+    const Sample& s = samples_[size_t(worstIndex)];
+    selected_.reset(size_t(worstIndex));
+    sums.add(s.x, s.y, s.shift, -1.0);
+    --kept;
+    solve(sums, a, b, c);
+  }
+  if (2 * kept <= initial) return false;
+
+  h.a = a, h.b = b, h.c = c;
+  for (int32_t i = 0; i < count; ++i) {
+    if (selected_.test(size_t(i))) {
+      compute_world_plane(h, samples_[size_t(i)].x, samples_[size_t(i)].shift);
+      break;
+    }
+  }
+  return h.normal[1] >= kTiltLimit;
+}
+
+bool FloorDetector::random_search(FloorHypothesis& h, const Array2D<uint16_t>& background) {
+  h.normal[1] = -1.5;
+  const uint32_t third = height_ / 3;
+  if (width_ == 0 || third == 0) return false;
+  Sample points[3];
+  int32_t kept = 0;
+  for (int32_t draws = 0; draws < 100;) {
+    const int32_t x = int32_t(random_() % width_);
+    const int32_t y = int32_t(height_ - random_() % third - 1);
+    ++draws;
+    const int32_t s = background.at(x, y);
+    if (s != 0) points[kept++] = {x, y, s};
+    if (kept < 3) continue;
+    Sums sums;
+    for (const Sample& p : points) sums.add(p.x, p.y, p.shift);
+    solve(sums, h.a, h.b, h.c);
+    compute_world_plane(h, points[0].x, points[0].shift);
+    if (h.normal[1] >= kTiltLimit) return true;
+    ++draws;
+    kept = 0;
+  }
+  return false;
+}
+
+void FloorDetector::refine(const FloorHypothesis& from, FloorHypothesis& to, const Array2D<uint16_t>& background) const {
+  Sums sums;
+  int32_t refX = -1, refShift = 0;
+  const int32_t w = int32_t(width_), hh = int32_t(height_);
+  const Array2D<uint8_t>& mask = *from.mask;
+  for (int32_t y = 2 * hh / 3; y < hh; ++y) {
+    const uint8_t* m = mask.row(y);
+    const uint16_t* s = background.row(y);
+    for (int32_t x = 0; x < w; ++x) {
+      if (m[x] == 0) continue;
+      sums.add(x, y, s[x]);
+      if (m[x] == 2 && refX < 0) refX = x, refShift = s[x];
+    }
+  }
+  if (sums.n < 3) return;
+  solve(sums, to.a, to.b, to.c);
+  if (refX >= 0) compute_world_plane(to, refX, refShift);
+}
+
+void FloorDetector::compute_world_plane(FloorHypothesis& h, int32_t x0, int32_t s0) const {
+  if (!term_index(s0)) {
+    h.normal[0] = 1, h.normal[1] = 0, h.normal[2] = 0;
+    return;
+  }
+  const double y0 = std::abs(h.b) > 2.220446049250313e-16 ? (s0 - h.c - h.a * x0) / h.b : 0.0;
+  const double xc = double(x0 - int32_t(width_ / 2));
+  const double yc = y0 - double(height_ / 2);
+  const double ft = focalTerm_[size_t(s0)];
+  double n[3] = {ft * h.a, ft * h.b, (h.b * yc + h.a * xc) * inverseDepthTerm_[size_t(s0)] - curvatureTerm_[size_t(s0)]};
+  normalise(n);
+  if (n[1] < 0) n[0] = -n[0], n[1] = -n[1], n[2] = -n[2];
+  h.normal[0] = n[0], h.normal[1] = n[1], h.normal[2] = n[2];
+
+  const uint16_t z0 = depth_of(s0);
+  const double p = mapper_->pixel_size_at(z0);
+  const double y0t = std::abs(y0) < 1e9 ? std::trunc(y0) : 0.0;
+  const double X0 = (x0 - mapper_->centerX) * p;
+  const double Y0 = (mapper_->centerY - y0t) * p;
+  const double d = -(n[0] * X0 + n[1] * Y0 + n[2] * z0);
+  h.plane[0] = float(n[0]), h.plane[1] = float(n[1]), h.plane[2] = float(n[2]), h.plane[3] = float(d);
+}
+
+// The normal above comes from a fixed shift-to-depth model that is good enough to judge the
+// tilt, but it differs from the camera's own conversion tables by a few degrees and flips
+// the sign of the forward component for a pitched camera. The plane handed out is
+// therefore measured: the background pixels found on the plane are turned into world
+// points with the camera's tables (each shift taken at the middle of its depth step, which
+// removes the rounding bias of the tables) and the plane is fitted through them by total
+// least squares.
+void FloorDetector::measure_world_plane(FloorHypothesis& h, const Array2D<uint16_t>& background) const {
+  const int32_t w = int32_t(width_), hh = int32_t(height_);
+  const Array2D<uint8_t>& mask = *h.mask;
+  double n = 0, sum[3] = {0, 0, 0}, sq[6] = {0, 0, 0, 0, 0, 0};
+  for (int32_t y = 2 * hh / 3; y < hh; ++y) {
+    const uint8_t* m = mask.row(y);
+    const uint16_t* s = background.row(y);
+    for (int32_t x = 0; x < w; ++x) {
+      if (m[x] != 1) continue;
+      const double d0 = depth_of(s[x]), d1 = depth_of(s[x] + 1);
+      if (d0 == 0) continue;
+      const double depth = d1 > d0 ? 0.5 * (d0 + d1) : d0;
+      const double size = depth * mapper_->pixelSize[1];  // pixel size grows linearly with depth
+      const double p[3] = {(x - mapper_->centerX) * size, (mapper_->centerY - y) * size, depth};
+      n += 1;
+      for (int k = 0; k < 3; ++k) sum[k] += p[k];
+      sq[0] += p[0] * p[0], sq[1] += p[0] * p[1], sq[2] += p[0] * p[2];
+      sq[3] += p[1] * p[1], sq[4] += p[1] * p[2], sq[5] += p[2] * p[2];
+    }
+  }
+  if (n < 3) return;
+  const double mean[3] = {sum[0] / n, sum[1] / n, sum[2] / n};
+  Eigen::Matrix3d cov;
+  cov(0, 0) = sq[0] / n - mean[0] * mean[0];
+  cov(0, 1) = cov(1, 0) = sq[1] / n - mean[0] * mean[1];
+  cov(0, 2) = cov(2, 0) = sq[2] / n - mean[0] * mean[2];
+  cov(1, 1) = sq[3] / n - mean[1] * mean[1];
+  cov(1, 2) = cov(2, 1) = sq[4] / n - mean[1] * mean[2];
+  cov(2, 2) = sq[5] / n - mean[2] * mean[2];
+  const Eigen::SelfAdjointEigenSolver<Eigen::Matrix3d> solver(cov);
+  if (solver.info() != Eigen::Success) return;
+  Eigen::Vector3d normal = solver.eigenvectors().col(0);  // smallest eigenvalue first
+  if (!normal.allFinite() || normal.norm() < 0.5) return;
+  normal.normalize();
+  if (normal.y() < 0) normal = -normal;
+  const double d = -(normal.x() * mean[0] + normal.y() * mean[1] + normal.z() * mean[2]);
+  h.plane[0] = float(normal.x()), h.plane[1] = float(normal.y()), h.plane[2] = float(normal.z());
+  h.plane[3] = float(d);
+}
+
+}  // namespace quorvik::legacy

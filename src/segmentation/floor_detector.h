@@ -1,0 +1,97 @@
+#pragma once
+// Finds the floor as a plane in the shift domain (where a plane is linear in the pixel
+// position), follows it from frame to frame on the background image, and marks the floor
+// pixels of the current frame.
+
+#include <array>
+#include <bitset>
+#include <cstdint>
+#include <memory>
+#include <random>
+
+#include "segmentation/containers.h"
+#include "segmentation/seg_coordinate_mapper.h"
+
+namespace quorvik::legacy {
+
+struct FloorHypothesis {
+  FloorHypothesis() = default;
+  void allocate(int32_t width, int32_t height);
+
+  double a = 0, b = 0, c = 0;  // expected shift at pixel (x, y) = a x + b y + c
+  double normal[3] = {0, 0, 0};   // judges the tilt; ny >= 0
+  float plane[4] = {0, 0, 0, 0};  // the floor as reported: n.P + d = 0, millimetres
+  uint32_t onCount = 0;
+  uint32_t beyondCount = 0;
+  std::unique_ptr<Array2D<uint8_t>> mask = std::make_unique<Array2D<uint8_t>>();  // 0 off, 1 on, 2 beyond
+  bool valid = false;
+  double score = 0;
+};
+
+class FloorDetector {
+ public:
+  static constexpr int32_t kGridColumns = 80;
+  static constexpr int32_t kGridRows = 60;
+  static constexpr int32_t kGridSize = kGridColumns * kGridRows;
+  static constexpr int32_t kShiftTableSize = 10001;
+  static constexpr double kNoScore = -1e7;
+  static const double kTiltLimit;  // cos 15 degrees
+
+  void start(uint32_t width, uint32_t height, const uint16_t* shiftToDepth, uint32_t shiftToDepthLength,
+             const skeleton::SegCoordinateMapper<double>* mapper);
+  void update(const Array2D<uint16_t>& shift, const Array2D<uint16_t>& background, bool backgroundReset);
+
+  bool has_floor() const { return hasFloor_ != 0; }
+  const float* plane() const { return current_.plane; }
+  const Array2D<uint8_t>& mask() const { return *current_.mask; }
+  const FloorHypothesis& current() const { return current_; }
+  double best_score() const { return bestScore_; }
+
+  // Building blocks, public for tests.
+  void evaluate(FloorHypothesis& h, const Array2D<uint16_t>& image) const;
+  void mark_floor(FloorHypothesis& h, const Array2D<uint16_t>& image) const;
+  bool histogram_search(FloorHypothesis& h, const Array2D<uint16_t>& background);
+  bool random_search(FloorHypothesis& h, const Array2D<uint16_t>& background);
+  void refine(const FloorHypothesis& from, FloorHypothesis& to, const Array2D<uint16_t>& background) const;
+  void compute_world_plane(FloorHypothesis& h, int32_t x0, int32_t s0) const;
+  void measure_world_plane(FloorHypothesis& h, const Array2D<uint16_t>& background) const;
+
+ private:
+  struct Sums {
+    double x = 0, y = 0, s = 0, xx = 0, xy = 0, xs = 0, yy = 0, ys = 0, n = 0;
+    void add(double px, double py, double ps, double sign = 1.0) {
+      x += sign * px, y += sign * py, s += sign * ps;
+      xx += sign * px * px, xy += sign * px * py, xs += sign * px * ps;
+      yy += sign * py * py, ys += sign * py * ps, n += sign;
+    }
+  };
+  struct Sample {
+    int32_t x, y, shift;
+  };
+  static void solve(const Sums& sums, double& a, double& b, double& c);
+  void full_search(FloorHypothesis& h, FloorHypothesis& work, const Array2D<uint16_t>& background);
+  void build_grid(const Array2D<uint16_t>& background);
+  bool term_index(int32_t s) const { return s >= 0 && s < kShiftTableSize; }
+  uint16_t depth_of(int32_t s) const {
+    return s >= 0 && uint32_t(s) < shiftToDepthLength_ ? shiftToDepth_[s] : uint16_t{0};
+  }
+
+  uint32_t width_ = 0, height_ = 0;
+  const skeleton::SegCoordinateMapper<double>* mapper_ = nullptr;
+  const uint16_t* shiftToDepth_ = nullptr;
+  uint32_t shiftToDepthLength_ = 0;
+  int32_t step_ = 0;
+  std::array<uint16_t, kGridSize> grid_{};
+  FloorHypothesis current_, scratch_, candidate_;
+  double bestScore_ = kNoScore;
+  uint32_t hasFloor_ = 0;
+  std::mt19937 random_{1};
+  std::array<double, kShiftTableSize> focalTerm_{};
+  std::array<double, kShiftTableSize> inverseDepthTerm_{};
+  std::array<double, kShiftTableSize> curvatureTerm_{};
+  std::array<int32_t, kGridSize> offsets_{};
+  std::array<Sample, kGridSize> samples_{};
+  std::bitset<kGridSize> selected_;
+};
+
+}  // namespace quorvik::legacy

@@ -1,0 +1,17 @@
+#pragma once
+// 3x3 minimum of a shift image in which 0 (nothing known) counts as far (2000), with the
+// window clipped at the image border. Eight signed 16-bit lanes at a time.
+
+#include <cstdint>
+
+namespace quorvik::legacy {
+
+inline constexpr uint16_t kUnknownShiftAsFar = 2000;
+
+// `scratch` must hold width + 16 values. Shifts must stay below 32768.
+void min_filter_3x3(const uint16_t* src, uint16_t* dst, int32_t width, int32_t height, int16_t* scratch);
+
+// The same, one pixel at a time (reference for the vector version).
+void min_filter_3x3_scalar(const uint16_t* src, uint16_t* dst, int32_t width, int32_t height);
+
+}  // namespace quorvik::legacy
