@@ -75,6 +75,19 @@ Timeline& Timeline::walk_to(float x, float z, float speed) {
   return *this;
 }
 
+Timeline& Timeline::push_to(float x, float z) {
+  const float before = heading_;
+  const size_t n = steps_.size();
+  heading_ = std::atan2(x - x_, z - z_);  // no turn step: the pusher already faces the way
+  walk_to(x, z, 0.6f);
+  if (steps_.size() > n) {
+    steps_.back().variant = 1.f;
+    steps_.back().h0 = steps_.back().h1 = before + angle_diff(before, steps_.back().h1);
+    heading_ = steps_.back().h1;
+  }
+  return *this;
+}
+
 Timeline& Timeline::gesture(Activity a, float seconds, int side, float variant) {
   Step& s = push(a, seconds);
   s.side = side;
@@ -162,6 +175,10 @@ Pose Timeline::step_pose(const Step& s, float t) const {
         }
       }
       p.lean = deg(4) + deg(3) * (s.speed - 1.f);
+      if (s.variant > 0.5f) {  // pushing
+        for (int k = 0; k < 2; ++k) p.arm[k] = {deg(70), deg(12), 0.f, deg(30)};
+        p.lean = deg(15);
+      }
       p.twist = deg(4) * std::sin(phi);
       p.headYaw = deg(5) * std::sin(0.1f * phi);
       return p;

@@ -33,6 +33,7 @@ class Timeline {
   // Builders: each appends a step that starts where the last one ended.
   Timeline& stand(float seconds);
   Timeline& walk_to(float x, float z, float speed = 1.f);  // turns first when the heading differs a lot
+  Timeline& push_to(float x, float z);  // walks slowly with both hands forward, without turning
   Timeline& turn_to(float heading, float seconds = -1.f);
   Timeline& gesture(Activity a, float seconds, int side = 1, float variant = 0.f);
   // Sit down on a seat centred at (x, z) facing `heading`, stay, and stand up again.

@@ -71,6 +71,7 @@ Renderer::Renderer(const Scenario& scenario, SensorOptions sensor)
 float Renderer::shift_of_depth(float mm) const {
   // depth = S * Z0 * E / (E - t) with t = ((r - offset) / K - 0.375) * pixelSize.
   const auto& p = sensor_.shift;
+  if (p.pixelSizeFactor == 0 || p.paramCoeff == 0 || p.shiftScale == 0) return 0.f;  // tables are all zero then
   const double d = mm / static_cast<double>(p.shiftScale);
   const double t = p.emitterDcmosDistance * (1.0 - p.zeroPlaneDistance / d);
   const float pixelSize = static_cast<float>(p.pixelSizeFactor) * p.zeroPlanePixelSize;

@@ -151,8 +151,11 @@ class Builder {
     else if (n == "side-view") side_view();
     else if (n == "crossing") crossing();
     else if (n == "furniture-moved") furniture_moved();
-    else if (n == "empty-room") {}
-    else if (n == "mixed") mixed();
+    else if (n == "empty-room") swing_a_door();
+    else if (n == "mixed") {
+      swing_a_door();
+      mixed();
+    }
     else throw std::invalid_argument("unknown scenario: " + n);
     return Scenario(o_, cam_, room_, std::move(actors_));
   }
@@ -209,8 +212,10 @@ class Builder {
       case FurnitureKind::Door: f.size = {900, 2050, 40}; break;
       case FurnitureKind::Cabinet: f.size = {rng_.uniform(500, 1200), rng_.uniform(600, 1100), rng_.uniform(400, 600)}; break;
     }
-    // Against the left, right or far wall, facing into the room.
-    const int wall = rng_.integer(0, 2);
+    // Against the left, right or far wall, facing into the room, or standing free behind
+    // the space where people move (side walls are mostly out of view).
+    const float w = rng_.uniform();
+    const int wall = w < 0.2f ? 0 : (w < 0.4f ? 1 : (w < 0.75f || f.kind == FurnitureKind::Door ? 2 : 3));
     const float depth = std::max(f.size.z, f.kind == FurnitureKind::Door ? 0.f : 0.f) * 0.5f + 20.f;
     if (wall == 0) {
       f.x = room_.x0 + depth;
@@ -220,12 +225,17 @@ class Builder {
       f.x = room_.x1 - depth;
       f.z = rng_.uniform(1000.f, room_.z1 - 800.f);
       f.yaw = deg(-90);
-    } else {
+    } else if (wall == 2) {
       f.x = rng_.uniform(room_.x0 + 800.f, room_.x1 - 800.f);
       f.z = room_.z1 - depth;
       f.yaw = deg(180);
+    } else {
+      f.x = rng_.uniform(room_.x0 + 1000.f, room_.x1 - 1000.f);
+      f.z = rng_.uniform(5600.f, std::max(5700.f, room_.z1 - 900.f));
+      f.yaw = rng_.uniform(-kPi, kPi);
     }
-    if (f.kind == FurnitureKind::Door) f.yaw += deg(rng_.uniform(0.f, 1.f) < 0.6f ? 0.f : rng_.uniform(10.f, 80.f));
+    // A door hinges on its own origin; turning it clockwise seen from above opens it into the room.
+    if (f.kind == FurnitureKind::Door) f.yaw -= deg(rng_.uniform(0.f, 1.f) < 0.6f ? 0.f : rng_.uniform(10.f, 80.f));
     return f;
   }
 
@@ -241,6 +251,19 @@ class Builder {
       if (length(Vec3{g.x - f.x, 0, g.z - f.z}) < r + rg + 100.f) return false;
     }
     return true;
+  }
+
+  // Sometimes a door of the room opens or closes during the recording.
+  void swing_a_door() {
+    for (Furniture& f : room_.furniture) {
+      if (f.kind != FurnitureKind::Door || !rng_.chance(0.5f)) continue;
+      f.moveStart = rng_.uniform(0.f, std::max(0.1f, duration_ - 2.f));
+      f.moveEnd = f.moveStart + rng_.uniform(1.f, 2.5f);
+      f.x1 = f.x;
+      f.z1 = f.z;
+      f.yaw1 = f.yaw - deg(rng_.uniform(20.f, 60.f));
+      return;
+    }
   }
 
   Actor& add_actor(Vec3 start, float heading) {
@@ -455,7 +478,7 @@ class Builder {
         a.timeline.turn_to(std::atan2(to.x - from.x, to.z - from.z));
         a.timeline.stand(0.8f);
         f.moveStart = a.timeline.end_time();
-        a.timeline.walk_to(push1.x, push1.z, 0.6f);
+        a.timeline.push_to(push1.x, push1.z);
         f.moveEnd = a.timeline.end_time();
         a.timeline.turn_to(facing_camera(push1)).stand(1.0f);
         const Vec3 exit = stage(depth, -side * (offscreen(depth) + 500.f));
