@@ -1,0 +1,218 @@
+// The exported C functions: argument checks in a fixed order, outputs cleared before the
+// checks that follow them, every failure stored in the last-error record, and no standard
+// exception ever leaves a function.
+
+#include <cstring>
+#include <exception>
+#include <stdexcept>
+#include <string_view>
+
+#include "api/error_record.h"
+#include "quorvik/body_tracking.h"
+
+using quorvik::api::report_error;
+
+namespace {
+
+constexpr qbt_bodyframe_t kInvalidBodyFrame{};
+constexpr qbt_asyncbodyframe_t kInvalidAsyncBodyFrame{};
+constexpr qbt_result_t kInvalidParameter = QBT_RESULT_INVALID_PARAMETER;
+constexpr qbt_result_t kUnhandledException = QBT_RESULT_UNHANDLED_EXCEPTION;
+
+qbt_result_t invalid(std::string_view function, std::string_view detail) {
+  return report_error(function, kInvalidParameter, detail);
+}
+
+// Runs `work`; a standard exception first runs `clear` (the outputs the function promised)
+// and becomes code 103 with the exception's text.
+template <typename Work, typename Clear>
+qbt_result_t guarded(std::string_view function, Work&& work, Clear&& clear) {
+  try {
+    return work();
+  } catch (const std::exception& e) {
+    clear();
+    return report_error(function, kUnhandledException, e.what());
+  }
+}
+
+// The tracker core arrives with the tracking pipeline; until then every call that needs it
+// fails as an internal error instead of pretending to work.
+[[noreturn]] void core_missing() { throw std::logic_error("tracker core is not available in this build"); }
+
+}  // namespace
+
+extern "C" {
+
+qbt_result_t qbt_asyncbodyframe_frame_ready(qbt_asyncbodyframe_t asyncBodyFrame, bool* isReady) {
+  constexpr std::string_view name = "qbt_asyncbodyframe_frame_ready";
+  if (asyncBodyFrame.tracker == nullptr) return invalid(name, "asyncBodyFrame");
+  if (isReady == nullptr) return invalid(name, "isReady is null");
+  *isReady = false;
+  return guarded(name, []() -> qbt_result_t { core_missing(); }, [&] { *isReady = false; });
+}
+
+bool qbt_asyncbodyframe_is_valid(qbt_asyncbodyframe_t asyncBodyFrame) {
+  return std::memcmp(&asyncBodyFrame, &kInvalidAsyncBodyFrame, sizeof asyncBodyFrame) != 0;
+}
+
+qbt_result_t qbt_asyncbodyframe_take_frame(qbt_asyncbodyframe_t asyncBodyFrame, qbt_bodyframe_t* bodyFrame) {
+  constexpr std::string_view name = "qbt_asyncbodyframe_take_frame";
+  if (asyncBodyFrame.tracker == nullptr) return invalid(name, "asyncBodyFrame");
+  if (bodyFrame == nullptr) return invalid(name, "bodyFrame is null");
+  *bodyFrame = kInvalidBodyFrame;
+  return guarded(name, []() -> qbt_result_t { core_missing(); }, [&] { *bodyFrame = kInvalidBodyFrame; });
+}
+
+qbt_result_t qbt_bodyframe_body_list(qbt_bodyframe_t bodyFrame, qbt_bodylist_t* bodyList) {
+  constexpr std::string_view name = "qbt_bodyframe_body_list";
+  if (bodyFrame.tracker == nullptr) return invalid(name, "bodyFrame");
+  if (bodyList == nullptr) return invalid(name, "bodyList is null");
+  *bodyList = qbt_bodylist_t{};
+  if (bodyFrame.frame == nullptr) return invalid(name, "bodyFrame");
+  return guarded(name, []() -> qbt_result_t { core_missing(); }, [&] { *bodyList = qbt_bodylist_t{}; });
+}
+
+qbt_result_t qbt_bodyframe_bodymask(qbt_bodyframe_t bodyFrame, qbt_bodymask_t* bodyMask) {
+  constexpr std::string_view name = "qbt_bodyframe_bodymask";
+  if (bodyFrame.tracker == nullptr) return invalid(name, "bodyFrame");
+  if (bodyMask == nullptr) return invalid(name, "bodyMask is null");
+  *bodyMask = qbt_bodymask_t{};
+  if (bodyFrame.frame == nullptr) return invalid(name, "bodyFrame");
+  return guarded(name, []() -> qbt_result_t { core_missing(); }, [&] { *bodyMask = qbt_bodymask_t{}; });
+}
+
+qbt_result_t qbt_bodyframe_floor_info(qbt_bodyframe_t bodyFrame, bool* floorDetected, qbt_plane_t* floorPlane,
+                                      qbt_floormask_t* floorMask) {
+  constexpr std::string_view name = "qbt_bodyframe_floor_info";
+  if (bodyFrame.tracker == nullptr) return invalid(name, "bodyFrame");
+  if (floorDetected == nullptr) return invalid(name, "floorDetected");
+  if (floorPlane == nullptr) return invalid(name, "floorPlane");
+  if (floorMask == nullptr) return invalid(name, "floorMask");
+  auto clear = [&] {
+    *floorDetected = false;
+    *floorPlane = qbt_plane_t{};
+    *floorMask = qbt_floormask_t{};
+  };
+  if (bodyFrame.frame == nullptr) {
+    clear();
+    return invalid(name, "bodyFrame");
+  }
+  return guarded(name, []() -> qbt_result_t { core_missing(); }, clear);
+}
+
+qbt_result_t qbt_bodyframe_info(qbt_bodyframe_t bodyFrame, qbt_bodyframe_info_t* info) {
+  constexpr std::string_view name = "qbt_bodyframe_info";
+  if (bodyFrame.tracker == nullptr) return invalid(name, "bodyFrame");
+  if (info == nullptr) return invalid(name, "info is null");
+  *info = qbt_bodyframe_info_t{};
+  if (bodyFrame.frame == nullptr) return invalid(name, "bodyFrame");
+  return guarded(name, []() -> qbt_result_t { core_missing(); }, [&] { *info = qbt_bodyframe_info_t{}; });
+}
+
+bool qbt_bodyframe_is_valid(qbt_bodyframe_t bodyFrame) {
+  return std::memcmp(&bodyFrame, &kInvalidBodyFrame, sizeof bodyFrame) != 0;
+}
+
+qbt_result_t qbt_bodyframe_release(qbt_bodyframe_t* bodyFrame) {
+  constexpr std::string_view name = "qbt_bodyframe_release";
+  if (bodyFrame == nullptr) return invalid(name, "bodyFrame is null");
+  if (bodyFrame->tracker == nullptr) return invalid(name, "bodyFrame");
+  if (bodyFrame->frame == nullptr) {
+    *bodyFrame = kInvalidBodyFrame;
+    return invalid(name, "bodyFrame");
+  }
+  return guarded(name, []() -> qbt_result_t { core_missing(); }, [&] { *bodyFrame = kInvalidBodyFrame; });
+}
+
+qbt_result_t qbt_bodytracker_create(const qbt_bodytracker_options_t* options, qbt_bodytracker_t* bodyTracker) {
+  constexpr std::string_view name = "qbt_bodytracker_create";
+  if (bodyTracker == nullptr) return invalid(name, "bodyTracker is null");
+  qbt_bodytracker_options_t defaults;
+  if (options == nullptr) {
+    qbt_bodytracker_fill_default_options(&defaults);
+    options = &defaults;
+  }
+  return guarded(name, []() -> qbt_result_t { core_missing(); }, [] {});
+}
+
+qbt_result_t qbt_bodytracker_destroy(qbt_bodytracker_t* bodyTracker) {
+  constexpr std::string_view name = "qbt_bodytracker_destroy";
+  if (bodyTracker == nullptr) return invalid(name, "bodyTracker is null");
+  if (*bodyTracker == nullptr) return invalid(name, "bodyTracker");
+  return guarded(name, []() -> qbt_result_t { core_missing(); }, [] {});
+}
+
+qbt_result_t qbt_bodytracker_fill_default_options(qbt_bodytracker_options_t* options) {
+  if (options == nullptr) return invalid("qbt_bodytracker_fill_default_options", "options is null");
+  std::memset(options, 0, sizeof *options);
+  options->horizontalFov = 58.59f;
+  options->verticalFov = 45.64f;
+  options->zeroPlaneDistance = 130;
+  options->zeroPlanePixelSize = 0.113967f;
+  options->emitterDcmosDistance = 7.5f;
+  options->maxShiftValue = 2047;
+  options->deviceMaxDepth = 10000;
+  options->constShift = 200;
+  options->pixelSizeFactor = 1;
+  options->paramCoeff = 4;
+  options->shiftScale = 10;
+  options->minDepth = 0;
+  options->maxDepth = 10000;
+  options->dataFilePath = nullptr;
+  return QBT_RESULT_SUCCESS;
+}
+
+qbt_result_t qbt_bodytracker_is_depth_mirrored(qbt_bodytracker_t bodyTracker, bool* isDepthMirrored) {
+  constexpr std::string_view name = "qbt_bodytracker_is_depth_mirrored";
+  if (bodyTracker == nullptr) return invalid(name, "bodyTracker");
+  if (isDepthMirrored == nullptr) return invalid(name, "isDepthMirrored is null");
+  *isDepthMirrored = false;
+  return guarded(name, []() -> qbt_result_t { core_missing(); }, [] {});
+}
+
+qbt_result_t qbt_bodytracker_reset(qbt_bodytracker_t bodyTracker) {
+  constexpr std::string_view name = "qbt_bodytracker_reset";
+  if (bodyTracker == nullptr) return invalid(name, "bodyTracker");
+  return guarded(name, []() -> qbt_result_t { core_missing(); }, [] {});
+}
+
+qbt_result_t qbt_bodytracker_set_is_depth_mirrored(qbt_bodytracker_t bodyTracker, bool isDepthMirrored) {
+  constexpr std::string_view name = "qbt_bodytracker_set_is_depth_mirrored";
+  if (bodyTracker == nullptr) return invalid(name, "bodyTracker");
+  // Only the byte value 1 means true; the byte is read as it came from the host.
+  unsigned char byte;
+  std::memcpy(&byte, &isDepthMirrored, 1);
+  const bool mirrored = byte == 1;
+  (void)mirrored;
+  return guarded(name, []() -> qbt_result_t { core_missing(); }, [] {});
+}
+
+qbt_result_t qbt_bodytracker_update(qbt_bodytracker_t bodyTracker, const qbt_depthmap_t* depthMap,
+                                    qbt_bodyframe_t* bodyFrame) {
+  constexpr std::string_view name = "qbt_bodytracker_update";
+  if (bodyTracker == nullptr) return invalid(name, "bodyTracker");
+  if (bodyFrame == nullptr) return invalid(name, "bodyFrame is null");
+  *bodyFrame = kInvalidBodyFrame;
+  if (depthMap == nullptr) return invalid(name, "depthMap is null");
+  return guarded(name, []() -> qbt_result_t { core_missing(); }, [&] { *bodyFrame = kInvalidBodyFrame; });
+}
+
+qbt_result_t qbt_bodytracker_update_async(qbt_bodytracker_t bodyTracker, const qbt_depthmap_t* depthMap,
+                                          qbt_asyncbodyframe_t* asyncBodyFrame) {
+  constexpr std::string_view name = "qbt_bodytracker_update_async";
+  if (bodyTracker == nullptr) return invalid(name, "bodyTracker");
+  if (asyncBodyFrame == nullptr) return invalid(name, "asyncBodyFrame is null");
+  *asyncBodyFrame = kInvalidAsyncBodyFrame;
+  if (depthMap == nullptr) return invalid(name, "depthMap is null");
+  return guarded(name, []() -> qbt_result_t { core_missing(); },
+                 [&] { *asyncBodyFrame = kInvalidAsyncBodyFrame; });
+}
+
+qbt_result_t qbt_error_info(qbt_error_info_t* info) {
+  if (info == nullptr) return invalid("qbt_error_info", "info is null");
+  info->message = quorvik::api::last_error_text();
+  info->code = quorvik::api::last_error_code();
+  return QBT_RESULT_SUCCESS;
+}
+
+}  // extern "C"

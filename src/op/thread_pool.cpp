@@ -1,0 +1,113 @@
+#include "op/thread_pool.h"
+
+#include <chrono>
+#include <cstdio>
+
+namespace op {
+
+void TaskQueue::insert(std::unique_ptr<Action>& action) {
+  slots_[tail_] = std::move(action);
+  tail_ = (tail_ + 1) % kCapacity;
+}
+
+bool TaskQueue::push(std::unique_ptr<Action>& action) {
+  {
+    std::lock_guard lock(mutex_);
+    if (full()) return false;
+    insert(action);
+  }
+  nonEmpty_.notify_all();
+  return true;
+}
+
+bool TaskQueue::push_waiting(std::unique_ptr<Action>& action, const std::atomic<bool>& running) {
+  {
+    std::unique_lock lock(mutex_);
+    while (full()) {
+      if (!running.load()) return false;
+      notFull_.wait_for(lock, std::chrono::milliseconds(100));
+    }
+    insert(action);
+  }
+  nonEmpty_.notify_all();
+  return true;
+}
+
+std::unique_ptr<Action> TaskQueue::take(uint64_t waitMs) {
+  std::unique_lock lock(mutex_);
+  auto pop = [&]() -> std::unique_ptr<Action> {
+    if (head_ == tail_) return nullptr;
+    std::unique_ptr<Action> action = std::move(slots_[head_]);
+    head_ = (head_ + 1) % kCapacity;
+    notFull_.notify_all();
+    return action;
+  };
+  for (;;) {
+    if (auto action = pop()) return action;
+    if (nonEmpty_.wait_for(lock, std::chrono::milliseconds(waitMs)) == std::cv_status::timeout) return pop();
+  }
+}
+
+uint64_t TaskQueue::queued() {
+  std::lock_guard lock(mutex_);
+  return (tail_ + kCapacity - head_) % kCapacity;
+}
+
+uint64_t ThreadPool::default_thread_count() {
+  // A platform may report 0; pools need a worker 0 to submit to.
+  const unsigned n = std::thread::hardware_concurrency();
+  return n == 0 ? 1 : n;
+}
+
+ThreadPool::ThreadPool(uint64_t threadCount)
+    : threadCount_(threadCount == 0 ? 1 : threadCount), queues_(std::make_unique<TaskQueue[]>(threadCount_)) {
+  threads_.reserve(threadCount_);
+  for (uint64_t i = 0; i < threadCount_; ++i) threads_.emplace_back([this, i] { worker(i); });
+}
+
+ThreadPool::~ThreadPool() { terminate(); }
+
+std::optional<SubmitError> ThreadPool::enqueue(uint64_t worker, std::unique_ptr<Action>& action, bool waitForRoom) {
+  if (worker >= threadCount_) return SubmitError::NoSuchWorker;
+  if (!running_.load()) return SubmitError::Terminated;
+  TaskQueue& queue = queues_[worker];
+  if (waitForRoom) {
+    // Stops waiting once the pool is being terminated; the action is then abandoned.
+    if (!queue.push_waiting(action, running_)) {
+      action.reset();
+      return SubmitError::Terminated;
+    }
+    return std::nullopt;
+  }
+  if (!queue.push(action)) {
+    action.reset();
+    return SubmitError::QueueFull;
+  }
+  return std::nullopt;
+}
+
+void ThreadPool::worker(uint64_t index) {
+  TaskQueue& queue = queues_[index];
+  while (running_.load()) {
+    std::unique_ptr<Action> action = queue.take(waitMs_);
+    if (action && running_.load() && !action->has_run()) action->run();
+  }
+}
+
+void ThreadPool::terminate() {
+  std::lock_guard lock(terminateMutex_);
+  if (!alive_.load()) return;
+  alive_.store(false);
+  for (uint64_t i = 0; i < threadCount_; ++i) {
+    const uint64_t count = queues_[i].queued();
+    if (count != 0) {
+      std::printf("ThreadPool terminate with %7llu tasks remaining\n", static_cast<unsigned long long>(count));
+      std::fflush(stdout);
+    }
+  }
+  running_.store(false);
+  for (auto& thread : threads_) thread.join();
+  threads_.clear();
+}
+
+}  // namespace op

@@ -1,0 +1,60 @@
+#include "api/error_record.h"
+
+#include <string>
+
+#include <gtest/gtest.h>
+
+namespace quorvik::api {
+namespace {
+
+TEST(ReportError, BuildsNameMessageAndDetail) {
+  EXPECT_EQ(report_error("qbt_bodytracker_update", 7, "depthMap is null"), 7);
+  EXPECT_EQ(last_error_code(), 7);
+  EXPECT_STREQ(last_error_text(), "qbt_bodytracker_update(): Invalid parameter: depthMap is null");
+
+  EXPECT_EQ(report_error("bodytracker_update", 6, ""), 6);
+  EXPECT_STREQ(last_error_text(),
+               "bodytracker_update(): Input depth map has an invalid size. Depth map size must be a multiple "
+               "of 160x120. ");
+
+  EXPECT_EQ(report_error("qbt_bodytracker_create", 103, "std::bad_alloc"), 103);
+  EXPECT_STREQ(last_error_text(), "qbt_bodytracker_create(): Internal unhandled exception: std::bad_alloc");
+}
+
+TEST(ReportError, CodesOutsideTheTableBecome127) {
+  for (int code : {0, 9, 50, 99, 106, 126, 128, 200, 255}) {
+    SCOPED_TRACE(code);
+    EXPECT_EQ(report_error("f", static_cast<uint8_t>(code), "x"), 127);
+    EXPECT_EQ(last_error_code(), 127);
+    EXPECT_STREQ(last_error_text(), "f(): An unidentified unknown error occurred. x");
+  }
+  EXPECT_EQ(report_error("f", 127, ""), 127);
+  EXPECT_STREQ(last_error_text(), "f(): An unknown error occurred. ");
+}
+
+TEST(ReportError, EveryTableCodeHasATextEndingInABlank) {
+  for (int code = 0; code < 256; ++code) {
+    const char* message = error_message(static_cast<uint8_t>(code));
+    const bool known = (code >= 1 && code <= 8) || (code >= 100 && code <= 105) || code == 127;
+    SCOPED_TRACE(code);
+    ASSERT_EQ(message != nullptr, known);
+    if (known) {
+      EXPECT_EQ(std::string(message).back(), ' ');
+    }
+  }
+}
+
+TEST(ReportError, LongTextsAreCutAt1023Characters) {
+  const std::string detail(2000, 'x');
+  report_error("f", 7, detail);
+  const std::string stored = last_error_text();
+  ASSERT_EQ(stored.size(), 1023u);
+  EXPECT_EQ(stored.substr(0, 24), "f(): Invalid parameter: ");
+  EXPECT_EQ(stored.back(), 'x');
+  // A shorter text afterwards leaves no tail of the long one.
+  report_error("g", 3, "");
+  EXPECT_STREQ(last_error_text(), "g(): Data file not found. ");
+}
+
+}  // namespace
+}  // namespace quorvik::api

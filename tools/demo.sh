@@ -1,0 +1,6 @@
+#!/usr/bin/env bash
+# Builds everything and runs the demo.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+tools/setup.sh
+exec build/examples/qbt_example_demo "$@"
