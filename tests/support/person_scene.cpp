@@ -228,6 +228,16 @@ bool PersonScene::person_rect(int index, int& x0, int& y0, int& x1, int& y1) con
   return rect_of(prims, x0, y0, x1, y1);
 }
 
+std::vector<uint8_t> PersonScene::mask_of(int index) const {
+  const std::vector<uint16_t> with = render();
+  PersonScene without = *this;
+  without.people_[size_t(index)].visible = false;
+  const std::vector<uint16_t> rest = without.render();
+  std::vector<uint8_t> mask(with.size(), 0);
+  for (size_t i = 0; i < with.size(); ++i) mask[i] = with[i] != 0 && with[i] != rest[i] ? 1 : 0;
+  return mask;
+}
+
 bool PersonScene::fully_visible(int index) const {
   const Person& p = people_[size_t(index)];
   if (!p.visible) return false;

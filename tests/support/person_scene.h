@@ -57,6 +57,8 @@ class PersonScene {
   // Image rectangle (inclusive) covered by a person's body, clipped to the image; false when
   // it is not visible or entirely outside.
   bool person_rect(int index, int& x0, int& y0, int& x1, int& y1) const;
+  // 1 on the pixels where the person is the nearest surface.
+  std::vector<uint8_t> mask_of(int index) const;
   // Whether the whole body lies inside the image.
   bool fully_visible(int index) const;
 
