@@ -131,7 +131,6 @@ void UserSegmenter::stage1(DepthFrameInput& input, const Array2D<uint8_t>& floor
 
   build_labelling_images(input, floorMask, hasFloor, background);
   label_regions();
-  build_unchanged_images(input);
   gather_region_statistics(background, input);
   carry_over_identity();
   pair_users();
@@ -208,10 +207,12 @@ void UserSegmenter::label_regions() {
         continue;
       }
       const int32_t dx = d[x], sx = s[x];
-      uint32_t label = 0;
+      uint32_t label = 0, joined = 0;
       auto join = [&](uint32_t other, int32_t od, int32_t os) {
-        if (other == 0 || (absdiff(dx, od) > kJoinDepth && absdiff(sx, os) > kJoinShift)) return;
+        // Neighbours in one smooth surface usually carry the same provisional label.
+        if (other == 0 || other == joined || (absdiff(dx, od) > kJoinDepth && absdiff(sx, os) > kJoinShift)) return;
         label = label == 0 ? find_root(parent_, other) : unite(parent_, label, other);
+        joined = other;
       };
       if (x > vb.left) join(p[x - 1], d[x - 1], s[x - 1]);
       if (hasUp) {
@@ -245,29 +246,6 @@ void UserSegmenter::label_regions() {
   }
 }
 
-void UserSegmenter::build_unchanged_images(DepthFrameInput& input) {
-  const Array2D<uint16_t>& raw = input.raw(0);
-  const Array2D<uint16_t>& previous = input.raw(1);
-  auto close = [](int32_t a, int32_t b) { return a != 0 && b != 0 && absdiff(a, b) < kUnchangedMm; };
-  for (int32_t y = 0; y < height_; ++y) {
-    const uint16_t* r = raw.row(y);
-    const uint16_t* p = previous.row(y);
-    const uint16_t* pu = y > 0 ? previous.row(y - 1) : nullptr;
-    const uint16_t* pd = y + 1 < height_ ? previous.row(y + 1) : nullptr;
-    uint8_t* u = unchanged_.row(y);
-    uint8_t* un = unchangedNear_.row(y);
-    for (int32_t x = 0; x < width_; ++x) {
-      const int32_t d = r[x];
-      const bool same = close(d, p[x]);
-      u[x] = same ? 1 : 0;
-      un[x] = (same || (x > 0 && close(d, p[x - 1])) || (x + 1 < width_ && close(d, p[x + 1])) ||
-               (pu != nullptr && close(d, pu[x])) || (pd != nullptr && close(d, pd[x])))
-                  ? 1
-                  : 0;
-    }
-  }
-}
-
 void UserSegmenter::gather_region_statistics(const BackgroundModel& background, DepthFrameInput& input) {
   for (int32_t r = 0; r <= regionCount_; ++r) {
     RegionStats& s = regions_[r];
@@ -278,40 +256,71 @@ void UserSegmenter::gather_region_statistics(const BackgroundModel& background, 
     s.maxDepth = INT32_MIN;
     owner_[r] = 0;
   }
+  unchanged_.clear();
+  unchangedNear_.clear();
   const ValidBox& vb = box_;
   const Array2D<uint16_t>& labels = labelRing_.current();
   const Array2D<uint16_t>& previousLabels = labelRing_.back(1);
   const Array2D<uint16_t>& raw = input.raw(0);
+  const Array2D<uint16_t>& rawPrevious = input.raw(1);
+  auto close = [](int32_t a, int32_t b) { return b != 0 && absdiff(a, b) < kUnchangedMm; };
+  // A run-length pass: consecutive near pixels of one region are summed in locals and
+  // added to the region's record once per run.
   for (int32_t y = vb.top; y <= vb.bottom; ++y) {
     const uint16_t* l = labels.row(y);
     const uint16_t* ld = labellingDepth_.row(y);
     const uint16_t* r = raw.row(y);
+    const uint16_t* p = rawPrevious.row(y);
+    const uint16_t* pu = y > 0 ? rawPrevious.row(y - 1) : nullptr;
+    const uint16_t* pd = y + 1 < height_ ? rawPrevious.row(y + 1) : nullptr;
     const uint16_t* fg = background.foreground.row(y);
-    const uint8_t* u = unchanged_.row(y);
-    const uint8_t* un = unchangedNear_.row(y);
     const uint16_t* prev = previousLabels.row(y);
-    for (int32_t x = vb.left; x <= vb.right; ++x) {
+    uint8_t* u = unchanged_.row(y);
+    uint8_t* un = unchangedNear_.row(y);
+    int32_t x = vb.left;
+    while (x <= vb.right) {
       const int32_t id = l[x];
-      if (id == 0 || id > regionCount_) continue;
+      if (id == 0 || id > regionCount_) {
+        ++x;
+        continue;
+      }
       RegionStats& s = regions_[id];
-      ++s.pixels;
-      if (ld[x] < kPushDepth) {
+      if (ld[x] >= kPushDepth) {
+        const int32_t x0 = x;
+        bool zero = false;
+        while (x <= vb.right && l[x] == id && ld[x] >= kPushDepth) zero |= r[x++] == 0;
+        s.pixels += x - x0;
+        s.farMinX = std::min(s.farMinX, x0), s.farMaxX = std::max(s.farMaxX, x - 1);
+        s.farMinY = std::min(s.farMinY, y), s.farMaxY = std::max(s.farMaxY, y);
+        s.hasZero = s.hasZero || zero;
+        continue;
+      }
+      const int32_t x0 = x;
+      int32_t minDepth = INT32_MAX, maxDepth = INT32_MIN;
+      int64_t sumX = 0, sumDepth = 0, weight = 0, fgWeight = 0, unchangedWeight = 0;
+      while (x <= vb.right && l[x] == id && ld[x] < kPushDepth) {
         const int32_t depth = ld[x];
         const int64_t w = weight_[depth];
-        ++s.nearPixels;
-        s.minX = std::min(s.minX, x), s.maxX = std::max(s.maxX, x);
-        s.minY = std::min(s.minY, y), s.maxY = std::max(s.maxY, y);
-        s.minDepth = std::min(s.minDepth, depth), s.maxDepth = std::max(s.maxDepth, depth);
-        s.sumX += x, s.sumY += y, s.sumDepth += depth;
-        s.weight += w;
-        if (fg[x] != 0) s.foregroundWeight += w;
-        if (un[x] != 0) s.unchangedWeight += w;
-        if (u[x] != 0 && prev[x] >= 1 && prev[x] <= kMaxUsers) s.overlap[prev[x]] += w;
-      } else {
-        s.farMinX = std::min(s.farMinX, x), s.farMaxX = std::max(s.farMaxX, x);
-        s.farMinY = std::min(s.farMinY, y), s.farMaxY = std::max(s.farMaxY, y);
-        if (r[x] == 0) s.hasZero = true;
+        const bool same = close(depth, p[x]);
+        const bool near = same || (x > 0 && close(depth, p[x - 1])) || (x + 1 < width_ && close(depth, p[x + 1])) ||
+                          (pu != nullptr && close(depth, pu[x])) || (pd != nullptr && close(depth, pd[x]));
+        u[x] = same ? 1 : 0;
+        un[x] = near ? 1 : 0;
+        minDepth = std::min(minDepth, depth), maxDepth = std::max(maxDepth, depth);
+        sumX += x, sumDepth += depth, weight += w;
+        if (fg[x] != 0) fgWeight += w;
+        if (near) unchangedWeight += w;
+        if (same && prev[x] >= 1 && prev[x] <= kMaxUsers) s.overlap[prev[x]] += w;
+        ++x;
       }
+      const int32_t n = x - x0;
+      s.pixels += n;
+      s.nearPixels += n;
+      s.minX = std::min(s.minX, x0), s.maxX = std::max(s.maxX, x - 1);
+      s.minY = std::min(s.minY, y), s.maxY = std::max(s.maxY, y);
+      s.minDepth = std::min(s.minDepth, minDepth), s.maxDepth = std::max(s.maxDepth, maxDepth);
+      s.sumX += sumX, s.sumY += int64_t(y) * n, s.sumDepth += sumDepth;
+      s.weight += weight, s.foregroundWeight += fgWeight, s.unchangedWeight += unchangedWeight;
     }
   }
   for (int32_t id = 1; id <= regionCount_; ++id) {

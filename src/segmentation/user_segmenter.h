@@ -169,7 +169,6 @@ class UserSegmenter {
   void build_labelling_images(DepthFrameInput& input, const Array2D<uint8_t>& floorMask, bool hasFloor,
                               const BackgroundModel& background);
   void label_regions();
-  void build_unchanged_images(DepthFrameInput& input);
   void gather_region_statistics(const BackgroundModel& background, DepthFrameInput& input);
   void carry_over_identity();
   void pair_users();
@@ -248,6 +247,15 @@ class UserSegmenter {
   Group groups_[kMaxGroupRegions];
   int32_t groupCount_ = 0;
   PendingPerson pending_[kMaxPending];
+
+  // Pixels of each user in the final label map.
+  struct LabelSums {
+    int32_t pixels = 0;
+    int32_t minX = INT32_MAX, minY = INT32_MAX, minZ = INT32_MAX;
+    int32_t maxX = INT32_MIN, maxY = INT32_MIN, maxZ = INT32_MIN;
+    int64_t x = 0, y = 0, z = 0, weight = 0;
+  };
+  LabelSums labelSums_[kMaxUsers + 1];
 };
 
 }  // namespace quorvik::legacy

@@ -284,7 +284,7 @@ void UserSegmenter::update_users() {
   }
 }
 
-// Relabelling, with the pair boundaries cut in the same pass: inside a region that the first
+// Relabelling, with the pair boundaries cut and the users' pixels measured in the same pass: inside a region that the first
 // user of a pair owns and that covers pixels of the second user's previous frame, a pixel
 // goes to the second user when the second user had it before, or when nobody of the two had
 // it and it lies on the second user's side of the split column.
@@ -302,11 +302,13 @@ void UserSegmenter::relabel() {
       if (regions_[r].overlap[event.second] > 0) cutEvent_[r] = int8_t(e);
     }
   }
+  for (LabelSums& m : labelSums_) m = LabelSums{};
   Array2D<uint16_t>& labels = labelRing_.current();
   const Array2D<uint16_t>& previous = labelRing_.back(1);
   for (int32_t y = 0; y < labels.height(); ++y) {
     uint16_t* l = labels.row(y);
     const uint16_t* p = previous.row(y);
+    const uint16_t* d = labellingDepth_.row(y);
     for (int32_t x = 0; x < labels.width(); ++x) {
       const int32_t r = l[x];
       if (r == 0) continue;
@@ -324,41 +326,26 @@ void UserSegmenter::relabel() {
         }
       }
       l[x] = uint16_t(o);
+      if (o != 0 && d[x] < kPushDepth) {
+        LabelSums& m = labelSums_[o];
+        const int32_t z = d[x];
+        ++m.pixels;
+        m.minX = std::min(m.minX, x), m.maxX = std::max(m.maxX, x);
+        m.minY = std::min(m.minY, y), m.maxY = std::max(m.maxY, y);
+        m.minZ = std::min(m.minZ, z), m.maxZ = std::max(m.maxZ, z);
+        m.x += x, m.y += y, m.z += z;
+        m.weight += weight_[z];
+      }
     }
   }
 }
 
 void UserSegmenter::measure_users() {
-  struct Sums {
-    int32_t pixels = 0;
-    int32_t minX = INT32_MAX, minY = INT32_MAX, minZ = INT32_MAX;
-    int32_t maxX = INT32_MIN, maxY = INT32_MIN, maxZ = INT32_MIN;
-    int64_t x = 0, y = 0, z = 0, weight = 0;
-  };
-  Sums sums[kMaxUsers + 1];
-  const Array2D<uint16_t>& labels = labelRing_.current();
-  const Array2D<uint16_t>& depth = labellingDepth_;
-  for (int32_t y = 0; y < labels.height(); ++y) {
-    const uint16_t* l = labels.row(y);
-    const uint16_t* d = depth.row(y);
-    for (int32_t x = 0; x < labels.width(); ++x) {
-      const int32_t id = l[x];
-      if (id == 0 || id > kMaxUsers || d[x] >= kPushDepth) continue;
-      Sums& s = sums[id];
-      const int32_t z = d[x];
-      ++s.pixels;
-      s.minX = std::min(s.minX, x), s.maxX = std::max(s.maxX, x);
-      s.minY = std::min(s.minY, y), s.maxY = std::max(s.maxY, y);
-      s.minZ = std::min(s.minZ, z), s.maxZ = std::max(s.maxZ, z);
-      s.x += x, s.y += y, s.z += z;
-      s.weight += weight_[z];
-    }
-  }
   userBoxCount_ = 0;
   for (int32_t id = 1; id <= kMaxUsers; ++id) {
     UserRecord& user = users_[id];
     if (!user.active) continue;
-    const Sums& s = sums[id];
+    const LabelSums& s = labelSums_[id];
     user.previousArea = user.labelArea;
     user.labelPixels = s.pixels;
     user.labelArea = s.weight / 100;
