@@ -346,3 +346,54 @@ TEST(Users, ElevenPeopleGiveAtMostTenIds) {
   }
   EXPECT_GE(most, 1);
 }
+
+TEST(Users, TwoPeopleWhoTouchAndSeparateKeepTheirIds) {
+  PersonScene scene = room();
+  const int a = scene.add_person(-2500.f, 2900.f);
+  const int b = scene.add_person(2700.f, 2900.f);
+  scene.person(b).visible = false;
+  SceneEngine run;
+  run.feed(scene.render(), 40);
+  int firstA = -1, firstB = -1;
+  uint16_t idA = 0, idB = 0;
+  walk(run, scene, a, -900.f, 2900.f, firstA, idA);
+  scene.person(b).visible = true;
+  walk(run, scene, b, 900.f, 2900.f, firstB, idB);
+  ASSERT_NE(idA, 0);
+  ASSERT_NE(idB, 0);
+  ASSERT_NE(idA, idB);
+
+  // They step towards each other until their arms touch, stay a second, and step apart.
+  const float touching = 280.f;  // the arms overlap by 20 mm
+  std::vector<float> path;
+  for (float x = 900.f; x > touching; x -= 15.f) path.push_back(x);
+  for (int i = 0; i < 30; ++i) path.push_back(touching);
+  for (float x = touching; x < 1000.f; x += 15.f) path.push_back(x);
+  bool paired = false;
+  for (size_t f = 0; f < path.size(); ++f) {
+    scene.walk_to(a, -path[f], 2900.f);
+    scene.walk_to(b, path[f], 2900.f);
+    const std::vector<uint16_t> depth = scene.render();
+    run.feed(depth);
+    SCOPED_TRACE(testing::Message() << "frame " << f << " half gap " << path[f]);
+    check_frame(run, depth);
+    ASSERT_EQ(id_of(run, scene, a), idA);
+    ASSERT_EQ(id_of(run, scene, b), idB);
+    paired = paired || run.users().user(idA).pairPartner != 0 || run.users().user(idB).pairPartner != 0;
+    if (path[f] == touching) {
+      // The shared region is cut between the two.
+      for (int person : {a, b}) {
+        double recall = 0, precision = 0;
+        coverage(run, scene, person, person == a ? idA : idB, recall, precision);
+        EXPECT_GT(recall, 0.8);
+        EXPECT_GT(precision, 0.9);
+      }
+    }
+  }
+  EXPECT_TRUE(paired) << "the two never joined into one region";
+  double recall = 0, precision = 0;
+  coverage(run, scene, b, idB, recall, precision);
+  EXPECT_GT(recall, 0.8);
+  EXPECT_GT(precision, 0.9);
+  EXPECT_EQ(run.users().active_user_count(), 2);
+}
