@@ -79,6 +79,7 @@ struct UserRecord {
   int64_t labelArea = 0;
   int64_t previousArea = 0;
   UserPosition position;  // latest centroid
+  Box3D<int> lastBox;     // label box of the latest frame in which it had pixels
   double centroidColumn = 0;
   int32_t worldHeight = 0;
   int32_t maxWorldHeight = 0;

@@ -5,11 +5,14 @@
 // least 30 frames after its last rebuild, and never on a bad frame). The paths run in this
 // order and each one takes only regions that have no owner and were not handed back:
 //
-//  1. Lost users come back. A user that owns no region this frame (it walked behind someone,
-//     or moved too fast for the overlap rule) takes the nearest group of unowned foreground
-//     regions of at least 20,000 mm2 whose centroid is within 500 mm in depth and 1200 mm
-//     sideways of where the user was last seen. A person occluded during a crossing keeps
-//     their id instead of coming back under a new one.
+//  1. Lost users come back. A user that owns no region this frame (it walked behind someone
+//     or something, or moved too fast for the overlap rule) takes the nearest group of
+//     unowned foreground regions of at least 20,000 mm2 whose centroid is within 500 mm in
+//     depth of where the user was last seen and, sideways, within 1000 mm plus 50 mm for
+//     every frame it has been unseen (up to 60 frames). A user whose last pixels touched the
+//     left or right side of the image walked out of view instead: it takes only a group that
+//     touches the same side. A person hidden by a pillar or by someone crossing in front
+//     keeps their id instead of coming back under a new one.
 //  2. Confirmed person candidates that no user covers gather the unowned regions inside
 //     their box (the candidate-driven creation). The gathered regions must also be at least
 //     1000 mm tall: a chair pushed across the room is tall enough and moves enough to be
@@ -74,7 +77,10 @@ inline constexpr int32_t kPendingFrames = 4;
 inline constexpr float kPendingMoved = 100;           // mm
 inline constexpr int64_t kReacquireArea = 20000;      // mm2
 inline constexpr double kReacquireDepth = 500;        // mm
-inline constexpr double kReacquireSide = 1200;        // mm
+inline constexpr double kReacquireSide = 1000;        // mm, plus 50 mm per frame unseen
+inline constexpr double kReacquireSidePerFrame = 50;  // mm
+inline constexpr int32_t kReacquireFrames = 60;       // the side range stops growing here
+inline constexpr int32_t kBorderColumns = 1;          // a box this close to the side touches it
 inline constexpr int64_t kCandidateArea = 100000;     // mm2
 inline constexpr int32_t kAttachDepth = 300;          // mm
 

@@ -121,11 +121,22 @@ void UserSegmenter::reacquire_lost_users() {
     if (g.area < kReacquireArea) continue;
     int32_t best = 0;
     double bestDistance = 0;
+    const bool groupLeft = g.minX <= kBorderColumns, groupRight = g.maxX >= width_ - 1 - kBorderColumns;
     for (int32_t id = 1; id <= kMaxUsers; ++id) {
       const UserRecord& u = users_[id];
       if (!u.active || u.regionCount != 0 || u.secondOfPair || !u.seen || taken[id]) continue;
       const double dz = g.meanDepth - u.position.z, dx = g.worldX - u.position.x;
-      if (std::abs(dz) > kReacquireDepth || std::abs(dx) > kReacquireSide) continue;
+      if (std::abs(dz) > kReacquireDepth) continue;
+      // A user last seen at the side of the image walked out of view: only someone coming
+      // back in on that side takes the id. One lost in the middle was hidden by something
+      // in front and may come out on the other side of it, farther the longer it was gone.
+      const bool leftView = u.lastBox.minX <= kBorderColumns, rightView = u.lastBox.maxX >= width_ - 1 - kBorderColumns;
+      if (leftView || rightView) {
+        if (!((leftView && groupLeft) || (rightView && groupRight))) continue;
+      } else {
+        const double side = kReacquireSide + kReacquireSidePerFrame * std::min(u.framesUnseen, kReacquireFrames);
+        if (std::abs(dx) > side) continue;
+      }
       const double distance = dx * dx + dz * dz;
       if (best == 0 || distance < bestDistance) best = id, bestDistance = distance;
     }
@@ -356,6 +367,7 @@ void UserSegmenter::measure_users() {
     }
     user.labelBox.add(s.minX, s.minY, s.minZ);
     user.labelBox.add(s.maxX, s.maxY, s.maxZ);
+    user.lastBox = user.labelBox;
     userBoxes_[userBoxCount_++] = user.labelBox;
     const double n = double(s.pixels);
     const double mx = double(s.x) / n, my = double(s.y) / n, mz = double(s.z) / n;

@@ -398,3 +398,62 @@ TEST(Users, TwoPeopleWhoTouchAndSeparateKeepTheirIds) {
   EXPECT_GT(precision, 0.9);
   EXPECT_EQ(run.users().active_user_count(), 2);
 }
+
+TEST(Users, APersonWhoPassesBehindAPillarKeepsTheId) {
+  PersonScene scene;
+  scene.floor().wall(4200.f);
+  scene.add_box(0.f, 2500.f, 800.f, 300.f, 2200.f);
+  const int p = scene.add_person(2800.f, 3400.f);
+  scene.person(p).visible = false;
+  SceneEngine run;
+  run.feed(scene.render(), 40);
+  scene.person(p).visible = true;
+  int first = -1;
+  uint16_t id = 0;
+  walk(run, scene, p, 900.f, 3400.f, first, id);
+  ASSERT_EQ(id, 1);
+  bool hidden = false;
+  for (int f = 0; f < 90; ++f) {
+    scene.walk_to(p, scene.person(p).x - kStep, 3400.f);
+    const std::vector<uint16_t> depth = scene.render();
+    run.feed(depth);
+    SCOPED_TRACE(f);
+    check_frame(run, depth);
+    const uint16_t now = id_of(run, scene, p);
+    if (now == 0) {
+      hidden = hidden || run.users().user(id).labelPixels == 0;
+    } else {
+      ASSERT_EQ(now, id);
+    }
+  }
+  EXPECT_TRUE(hidden) << "the pillar never hid the person";
+  EXPECT_EQ(id_of(run, scene, p), id);
+  EXPECT_EQ(run.users().active_user_count(), 1);
+}
+
+TEST(Users, APersonComingTowardsTheCameraGetsAnIdSoonAfterComingNearerThanTheCut) {
+  PersonScene scene;
+  scene.floor().wall(7000.f);
+  const int p = scene.add_person(300.f, 6500.f);
+  scene.person(p).visible = false;
+  SceneEngine run;
+  run.feed(scene.render(), 40);
+  scene.person(p).visible = true;
+  int nearFrame = -1, idFrame = -1;
+  for (int f = 0; scene.person(p).z > 2600.f; ++f) {
+    scene.walk_to(p, 300.f, scene.person(p).z - kStep);
+    const std::vector<uint16_t> depth = scene.render();
+    run.feed(depth);
+    SCOPED_TRACE(f);
+    check_frame(run, depth);
+    if (nearFrame < 0 && scene.person(p).z + 150.f < 4500.f) nearFrame = f;
+    const uint16_t id = id_of(run, scene, p);
+    if (idFrame < 0 && id != 0) idFrame = f;
+    if (idFrame >= 0) {
+      ASSERT_EQ(id, 1);
+    }
+  }
+  ASSERT_GE(nearFrame, 0);
+  ASSERT_GE(idFrame, 0);
+  EXPECT_LE(idFrame, nearFrame + 30);
+}
