@@ -160,7 +160,8 @@ bool PersonScene::rect_of(const std::vector<Primitive>& prims, int& x0, int& y0,
   return x0 <= x1 && y0 <= y1;
 }
 
-void PersonScene::cast(const std::vector<Primitive>& prims, std::vector<double>& best) const {
+void PersonScene::cast(const std::vector<Primitive>& prims, std::vector<double>& best, std::vector<uint8_t>* owner,
+                       uint8_t id) const {
   int x0, y0, x1, y1;
   if (!rect_of(prims, x0, y0, x1, y1)) return;
   const double origin[3] = {0, heightMm_, 0};
@@ -169,11 +170,14 @@ void PersonScene::cast(const std::vector<Primitive>& prims, std::vector<double>&
     for (int x = x0; x <= x1; ++x) {
       const double dx = (double(x) / width_ - 0.5) * camera_.xFactor;
       const double dir[3] = {dx, dy * cos_ - sin_, dy * sin_ + cos_};
-      double& b = best[size_t(y) * size_t(width_) + size_t(x)];
+      const size_t i = size_t(y) * size_t(width_) + size_t(x);
       for (const Primitive& p : prims) {
         const double t = p.kind == Primitive::kBlock ? hit_block(origin, dir, p.lo, p.hi)
                                                      : hit_ellipsoid(origin, dir, p.lo, p.hi);
-        b = std::min(b, t);
+        if (t < best[i]) {
+          best[i] = t;
+          if (owner != nullptr) (*owner)[i] = id;
+        }
       }
     }
   }
@@ -185,7 +189,14 @@ std::vector<uint16_t> PersonScene::render() const {
   return depth;
 }
 
-void PersonScene::render(std::vector<uint16_t>& depth) const {
+void PersonScene::render(std::vector<uint16_t>& depth) const { render_into(depth, nullptr); }
+
+void PersonScene::render(std::vector<uint16_t>& depth, std::vector<uint8_t>& person) const {
+  render_into(depth, &person);
+}
+
+void PersonScene::render_into(std::vector<uint16_t>& depth, std::vector<uint8_t>* owner) const {
+  if (owner != nullptr) owner->assign(size_t(width_) * size_t(height_), 0);
   std::vector<double> best(size_t(width_) * size_t(height_), kInfinity);
   for (int y = 0; y < height_; ++y) {
     const double dy = (0.5 - double(y) / height_) * camera_.yFactor;
@@ -206,13 +217,13 @@ void PersonScene::render(std::vector<uint16_t>& depth) const {
                        {b.minX + o.centreX, b.minY, b.minZ + o.centreZ},
                        {b.maxX + o.centreX, b.maxY, b.maxZ + o.centreZ}});
     }
-    cast(prims, best);
+    cast(prims, best, owner, 0);
   }
-  for (const Person& p : people_) {
-    if (!p.visible) continue;
+  for (size_t i = 0; i < people_.size(); ++i) {
+    if (!people_[i].visible) continue;
     prims.clear();
-    person_primitives(p, prims);
-    cast(prims, best);
+    person_primitives(people_[i], prims);
+    cast(prims, best, owner, uint8_t(i + 1));
   }
   depth.assign(best.size(), 0);
   for (size_t i = 0; i < best.size(); ++i) {
@@ -229,13 +240,11 @@ bool PersonScene::person_rect(int index, int& x0, int& y0, int& x1, int& y1) con
 }
 
 std::vector<uint8_t> PersonScene::mask_of(int index) const {
-  const std::vector<uint16_t> with = render();
-  PersonScene without = *this;
-  without.people_[size_t(index)].visible = false;
-  const std::vector<uint16_t> rest = without.render();
-  std::vector<uint8_t> mask(with.size(), 0);
-  for (size_t i = 0; i < with.size(); ++i) mask[i] = with[i] != 0 && with[i] != rest[i] ? 1 : 0;
-  return mask;
+  std::vector<uint16_t> depth;
+  std::vector<uint8_t> owner;
+  render(depth, owner);
+  for (size_t i = 0; i < owner.size(); ++i) owner[i] = depth[i] != 0 && owner[i] == index + 1 ? 1 : 0;
+  return owner;
 }
 
 bool PersonScene::fully_visible(int index) const {

@@ -53,6 +53,8 @@ class PersonScene {
 
   std::vector<uint16_t> render() const;
   void render(std::vector<uint16_t>& depth) const;
+  // Also gives, per pixel, 1 + the index of the person seen there (0 = no person).
+  void render(std::vector<uint16_t>& depth, std::vector<uint8_t>& person) const;
 
   // Image rectangle (inclusive) covered by a person's body, clipped to the image; false when
   // it is not visible or entirely outside.
@@ -75,10 +77,12 @@ class PersonScene {
     std::vector<Block> parts;
     float centreX = 0, centreZ = 0;
   };
+  void render_into(std::vector<uint16_t>& depth, std::vector<uint8_t>* owner) const;
   void person_primitives(const Person& p, std::vector<Primitive>& out) const;
   bool project(float x, float y, float z, float& u, float& v) const;
   bool rect_of(const std::vector<Primitive>& prims, int& x0, int& y0, int& x1, int& y1) const;
-  void cast(const std::vector<Primitive>& prims, std::vector<double>& best) const;
+  void cast(const std::vector<Primitive>& prims, std::vector<double>& best, std::vector<uint8_t>* owner,
+            uint8_t id) const;
 
   float heightMm_, pitch_, cos_, sin_;
   int width_, height_;
