@@ -457,3 +457,22 @@ TEST(Users, APersonComingTowardsTheCameraGetsAnIdSoonAfterComingNearerThanTheCut
   ASSERT_GE(idFrame, 0);
   EXPECT_LE(idFrame, nearFrame + 30);
 }
+
+TEST(Users, AreasAndHeightsDoNotDependOnTheImageSize) {
+  PersonScene scene(1000.f, 5.f, 320, 240);
+  scene.floor().wall(4000.f);
+  const int p = scene.add_person(-2000.f, 2800.f);
+  SceneEngine run(320, 240);
+  run.feed(scene.render(), 40);
+  int first = -1;
+  uint16_t id = 0;
+  const int full = walk(run, scene, p, -500.f, 2800.f, first, id);
+  ASSERT_GE(full, 0);
+  ASSERT_GE(first, 0);
+  EXPECT_LE(first, full + 30);
+  EXPECT_EQ(id, 1);
+  double recall = 0, precision = 0;
+  coverage(run, scene, p, id, recall, precision);
+  EXPECT_GT(recall, 0.9);
+  EXPECT_GT(precision, 0.95);
+}
