@@ -8,7 +8,8 @@ ConversionTables build_conversion_tables(const ShiftConversionParams& p) {
   ConversionTables t;
   t.shiftToDepth.assign(static_cast<size_t>(std::max(p.maxShiftValue, 0)) + 1, 0);
   t.depthToShift.assign(static_cast<size_t>(std::max(p.deviceMaxDepth, 0)) + 1, 0);
-  if (p.maxShiftValue < 2) return t;
+  // A pixel size factor of 0 would divide by zero below; such a camera converts nothing.
+  if (p.maxShiftValue < 2 || p.pixelSizeFactor == 0) return t;
 
   const float pixelSize = static_cast<float>(p.pixelSizeFactor) * p.zeroPlanePixelSize;
   const uint32_t offset = p.constShift * p.paramCoeff / p.pixelSizeFactor;

@@ -35,7 +35,7 @@ struct ConversionTables {
   }
 };
 
-// pixelSizeFactor must not be 0.
+// A pixelSizeFactor of 0 gives all-zero tables.
 ConversionTables build_conversion_tables(const ShiftConversionParams& params);
 
 struct WorldPoint {

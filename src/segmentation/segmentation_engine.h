@@ -71,12 +71,13 @@ class SegmentationEngine {
   SegmentationEngine();
   void publish_labels();
 
+  // Declared first so that it outlives the stages, which keep pointers to it.
+  std::unique_ptr<skeleton::SegCoordinateMapper<double>> mapper_;
   DepthFrameInput input_;
   FloorDetector floor_;
   PersonCandidateDetector candidates_;
   BackgroundModel background_;
   UserSegmenter users_;
-  std::unique_ptr<skeleton::SegCoordinateMapper<double>> mapper_;
   LabelOutput labels_;
   bool started_ = false;
   Array2D<uint16_t> frameView_;
