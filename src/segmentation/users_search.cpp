@@ -152,8 +152,9 @@ void UserSegmenter::create_from_candidates(std::span<const TrackedCandidate> can
   int16_t gathered[UserRecord::kMaxRegions];
   for (const TrackedCandidate& c : candidates) {
     if (freeCount_ == 0) return;
-    const Box3D<int>& b = c.box;
-    if (!c.confirmed || b.empty()) continue;
+    if (!c.confirmed) continue;
+    const Box3D<int> b = c.box();
+    if (b.empty()) continue;
 
     // Covered by the users that exist already?
     const int64_t boxPixels = int64_t(b.maxX - b.minX + 1) * int64_t(b.maxY - b.minY + 1);
@@ -200,6 +201,16 @@ void UserSegmenter::create_from_candidates(std::span<const TrackedCandidate> can
     }
     if (area < kCandidateArea || world_height(minY, maxY, depthSum / double(area)) < kPersonHeight) continue;
     const int32_t id = create_user();
+    UserRecord& user = users_[id];
+    // The candidate's track, oldest first, becomes the start of the user's history.
+    const int32_t length = c.wrapped ? TrackedCandidate::kHistory : c.next;
+    const int32_t oldest = c.wrapped ? c.next : 0;
+    for (int32_t i = 0; i < length; ++i) {
+      const CandidateSnapshot& snapshot = c.history[(oldest + i) % TrackedCandidate::kHistory];
+      user.history[user.historyIndex] = {float(snapshot.medianX), 0.f, float(snapshot.medianDepth)};
+      user.historyIndex = (user.historyIndex + 1) % UserRecord::kHistory;
+      user.historyCount = std::min(user.historyCount + 1, UserRecord::kHistory);
+    }
     for (int32_t i = 0; i < count; ++i) give_region(id, gathered[i]);
     gather_owned(id);
   }

@@ -95,12 +95,15 @@ class Harness {
   }
 };
 
-TrackedCandidate candidate(const Rect& r, bool confirmed = true) {
+TrackedCandidate candidate(const Rect& r, bool confirmed = true, int32_t farDepth = 0) {
   TrackedCandidate c;
   c.confirmed = confirmed;
-  c.box.reset();
-  c.box.add(r.x0, r.y0, r.depth - 50);
-  c.box.add(r.x1, r.y1, r.depth + 50);
+  CandidateSnapshot s;
+  s.minColumn = r.x0, s.maxColumn = r.x1, s.minRow = r.y0, s.maxRow = r.y1;
+  s.minDepth = r.depth - 50;
+  s.maxDepth = farDepth != 0 ? farDepth : r.depth + 50;
+  s.medianDepth = r.depth;
+  c.record(s);
   c.area = 500000;
   return c;
 }
@@ -192,9 +195,7 @@ TEST(UserSegmenter, StaticPartsOfAUserAreHandedBack) {
   Harness h;
   // A person and a small box beside their feet, taken in as one candidate.
   const Rect box{95, 100, 104, 109, 2700};
-  TrackedCandidate both = candidate({70, 20, 104, 109, 2500});
-  both.box.maxZ = 2800;
-  const TrackedCandidate confirmed[] = {both};
+  const TrackedCandidate confirmed[] = {candidate({70, 20, 104, 109, 2500}, true, 2800)};
   h.step({kPerson, box}, confirmed);
   ASSERT_TRUE(h.users->is_active(1));
   ASSERT_EQ(h.count(1), 20 * 90 + 10 * 10);
