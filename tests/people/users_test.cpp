@@ -476,3 +476,25 @@ TEST(Users, AreasAndHeightsDoNotDependOnTheImageSize) {
   EXPECT_GT(recall, 0.9);
   EXPECT_GT(precision, 0.95);
 }
+
+TEST(Users, APersonInTheSceneFromTheFirstFrameGetsAnIdOnlyAfterWalkingOff) {
+  PersonScene scene = room();
+  const int p = scene.add_person(-600.f, 2800.f);
+  SceneEngine run;
+  const std::vector<uint16_t> still = scene.render();
+  for (int f = 0; f < 100; ++f) {
+    run.feed(still);
+    SCOPED_TRACE(f);
+    ASSERT_EQ(run.users().active_user_count(), 0);
+  }
+  int first = -1;
+  uint16_t id = 0;
+  walk(run, scene, p, 600.f, 2800.f, first, id);
+  ASSERT_GE(first, 0);
+  EXPECT_LE(first, 30);
+  EXPECT_EQ(id, 1);
+  double recall = 0, precision = 0;
+  coverage(run, scene, p, id, recall, precision);
+  EXPECT_GT(recall, 0.9);
+  EXPECT_GT(precision, 0.9);
+}
