@@ -243,3 +243,34 @@ TEST(UserSegmenter, BadFramesAndSceneChangesRemoveUsersThatCannotBeTraced) {
   EXPECT_FALSE(h.users->is_active(1));
   EXPECT_EQ(h.users->free_ids().back(), 1u);
 }
+
+TEST(UserSegmenter, IdsAreHandedOutLowestFirstAndReusedLastFreedFirst) {
+  Harness h;
+  const Rect p0{10, 20, 29, 109, 2500}, p1{60, 20, 79, 109, 2500}, p2{110, 20, 129, 109, 2500};
+  const Rect p3{140, 20, 155, 109, 2500};
+  const TrackedCandidate c0[] = {candidate(p0)}, c2[] = {candidate(p2)}, c3[] = {candidate(p3)};
+  const TrackedCandidate c1[] = {candidate(p1)};
+  h.step({p0}, c0);
+  h.step({p0, p1}, c1);
+  h.step({p0, p1, p2}, c2);
+  EXPECT_EQ(h.label(p0.x0, 60), 1);
+  EXPECT_EQ(h.label(p1.x0, 60), 2);
+  EXPECT_EQ(h.label(p2.x0, 60), 3);
+  EXPECT_EQ(h.users->free_ids().back(), 4u);
+
+  // On bad frames users without pixels go: first 1, then 3.
+  h.badFrame = true;
+  h.step({p1, p2});
+  h.step({p1});
+  h.badFrame = false;
+  EXPECT_EQ(h.users->active_user_count(), 1);
+  EXPECT_EQ(h.users->free_ids().back(), 3u);
+
+  h.step({p0, p1}, c0);
+  EXPECT_EQ(h.label(p0.x0, 60), 3);
+  h.step({p0, p1, p2}, c2);
+  EXPECT_EQ(h.label(p2.x0, 60), 1);
+  h.step({p0, p1, p2, p3}, c3);
+  EXPECT_EQ(h.label(p3.x0, 60), 4);
+  EXPECT_EQ(h.users->active_user_count(), 4);
+}

@@ -83,6 +83,8 @@ uint16_t id_of(const SceneEngine& run, const PersonScene& scene, int person) {
 // visible, or -1.
 int walk(SceneEngine& run, PersonScene& scene, int person, float endX, float z, int& firstIdFrame,
          uint16_t& id) {
+  int present = 0;
+  for (size_t i = 0; i < scene.people_count(); ++i) present += scene.person(int(i)).visible ? 1 : 0;
   int fullFrame = -1;
   firstIdFrame = -1;
   const float direction = endX > scene.person(person).x ? 1.f : -1.f;
@@ -92,6 +94,8 @@ int walk(SceneEngine& run, PersonScene& scene, int person, float endX, float z, 
     run.feed(depth);
     SCOPED_TRACE(testing::Message() << "frame " << f << " x " << scene.person(person).x);
     check_frame(run, depth);
+    // One person never splits into two ids.
+    EXPECT_LE(run.users().active_user_count(), present);
     if (fullFrame < 0 && scene.fully_visible(person)) fullFrame = f;
     const uint16_t now = id_of(run, scene, person);
     if (firstIdFrame < 0 && now != 0) {

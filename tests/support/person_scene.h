@@ -41,6 +41,7 @@ class PersonScene {
   PersonScene& wall(float distanceMm);  // 0 = no wall
 
   int add_person(float x, float z, float height = 1700.f);
+  size_t people_count() const { return people_.size(); }
   Person& person(int index) { return people_[size_t(index)]; }
   const Person& person(int index) const { return people_[size_t(index)]; }
   // Moves a person and swings the limbs in step with the distance walked.
