@@ -6,9 +6,9 @@
 // order and each one takes only regions that have no owner and were not handed back:
 //
 //  1. Lost users come back. A user that owns no region this frame (it walked behind someone
-//     or something, or moved too fast for the overlap rule) takes the nearest group of
-//     unowned foreground regions of at least 20,000 mm2 whose centroid is within 500 mm in
-//     depth of where the user was last seen and, sideways, within 1000 mm plus 50 mm for
+//     or something, or moved too fast for the overlap rule) takes the nearest group (grouped
+//     as in 3 below) of at least 20,000 mm2 whose centroid is within 500 mm in depth of
+//     where the user was last seen and, sideways, within 1000 mm plus 50 mm for
 //     every frame it has been unseen (up to 60 frames). A user whose last pixels touched the
 //     left or right side of the image walked out of view instead: it takes only a group that
 //     touches the same side. A person hidden by a pillar or by someone crossing in front
@@ -17,17 +17,25 @@
 //     their box (the candidate-driven creation). The gathered regions must also be at least
 //     1000 mm tall: a chair pushed across the room is tall enough and moves enough to be
 //     confirmed as a candidate, but is no person.
-//  3. Person-sized foreground. Unowned, mostly-foreground regions (at least 500 mm2 each,
-//     not lying inside a present user's box) are grouped when their boxes touch (2 pixels)
-//     and their depth ranges come within 200 mm. A group looks like a person when its area
-//     is between 100,000 and 1,500,000 mm2, it is 1000 to 2600 mm tall and at most 1500 mm
-//     wide. Such a group is followed from frame to frame (matched within 500 mm on the
-//     ground); once it has been seen in 4 frames in a row and its centroid has moved at
-//     least 100 mm from where it was first seen, it becomes a user. Furniture that has been
-//     put down does not move; a low object (chair, box, table) is not tall enough.
+//  3. Person-sized foreground. Unowned, mostly-foreground regions of at least 500 mm2 whose
+//     centroid does not lie in a present user's box (2 pixels and 300 mm of tolerance) are
+//     grouped when their boxes come within 2 pixels and their depth ranges within 200 mm.
+//     A group looks like a person when its area is between 100,000 and 1,500,000 mm2, it is
+//     1000 to 2600 mm tall and at most 1500 mm wide. Such a group is followed from frame to
+//     frame (matched within 500 mm on the ground); once it has been seen in 4 frames in a
+//     row and its centroid has moved at least 100 mm from where it was first seen, it
+//     becomes a user. Furniture that has been put down does not move; a low object (chair,
+//     box, table) is not tall enough. Regions that a user let go of as a separate
+//     person-sized part (see the fragments) may be grouped even inside that user's box.
 //
 // Unowned regions are then attached to a present user when their box lies within the user's
-// box (one pixel of tolerance) and their depth range comes within 300 mm of the user's.
+// box (one pixel of tolerance) and their depth range comes within 300 mm of the user's; the
+// nearest user in depth wins.
+//
+// Shapes: a user younger than 30 frames whose box is under 800 mm tall or whose area is under
+// 40,000 mm2 (or that is the second of a pair) goes on probation; one older than 30 frames
+// whose pixels are under 500 mm tall carries the static-blob flag, which lets the hand-back
+// release its static regions.
 
 #include <cstdint>
 
