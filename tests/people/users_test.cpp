@@ -502,3 +502,29 @@ TEST(Users, APersonInTheSceneFromTheFirstFrameGetsAnIdOnlyAfterWalkingOff) {
   EXPECT_GT(recall, 0.9);
   EXPECT_GT(precision, 0.9);
 }
+
+TEST(Users, AUserKeepsTheIdThroughABackgroundReset) {
+  PersonScene scene = room();
+  const int p = scene.add_person(-2500.f, 2800.f);
+  SceneEngine run;
+  run.feed(scene.render(), 40);
+  int first = -1;
+  uint16_t id = 0;
+  walk(run, scene, p, -700.f, 2800.f, first, id);
+  ASSERT_EQ(id, 1);
+  // The background is rebuilt with the person standing in it; the person then walks on.
+  run.engine().reset();
+  for (int f = 0; f < 140; ++f) {
+    if (f >= 60) scene.walk_to(p, scene.person(p).x + 20.f, 2800.f);
+    const std::vector<uint16_t> depth = scene.render();
+    run.feed(depth);
+    SCOPED_TRACE(f);
+    check_frame(run, depth);
+    ASSERT_EQ(id_of(run, scene, p), id);
+    ASSERT_EQ(run.users().active_user_count(), 1);
+  }
+  double recall = 0, precision = 0;
+  coverage(run, scene, p, id, recall, precision);
+  EXPECT_GT(recall, 0.85);
+  EXPECT_GT(precision, 0.9);
+}
