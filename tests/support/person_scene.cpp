@@ -196,7 +196,14 @@ void PersonScene::render(std::vector<uint16_t>& depth, std::vector<uint8_t>& per
 }
 
 void PersonScene::render_into(std::vector<uint16_t>& depth, std::vector<uint8_t>* owner) const {
-  if (owner != nullptr) owner->assign(size_t(width_) * size_t(height_), 0);
+  if (cached_ && cachePeople_ == people_ && cacheObjects_ == objects_ && cacheFloor_ == floor_ && cacheWall_ == wall_) {
+    depth = cacheDepth_;
+    if (owner != nullptr) *owner = cacheOwner_;
+    return;
+  }
+  std::vector<uint8_t> own;
+  if (owner == nullptr) owner = &own;
+  owner->assign(size_t(width_) * size_t(height_), 0);
   std::vector<double> best(size_t(width_) * size_t(height_), kInfinity);
   for (int y = 0; y < height_; ++y) {
     const double dy = (0.5 - double(y) / height_) * camera_.yFactor;
@@ -229,6 +236,13 @@ void PersonScene::render_into(std::vector<uint16_t>& depth, std::vector<uint8_t>
   for (size_t i = 0; i < best.size(); ++i) {
     if (best[i] < 9999.0) depth[i] = uint16_t(std::lround(best[i]));
   }
+  cacheDepth_ = depth;
+  cacheOwner_ = *owner;
+  cached_ = true;
+  cachePeople_ = people_;
+  cacheObjects_ = objects_;
+  cacheFloor_ = floor_;
+  cacheWall_ = wall_;
 }
 
 bool PersonScene::person_rect(int index, int& x0, int& y0, int& x1, int& y1) const {

@@ -23,6 +23,7 @@ inline constexpr float kVfovDegrees = 45.64f;
 // camera along the ground.
 struct Block {
   float minX, minY, minZ, maxX, maxY, maxZ;
+  bool operator==(const Block&) const = default;
 };
 
 struct Person {
@@ -30,6 +31,7 @@ struct Person {
   float height = 1700;      // top of the head
   float phase = 0;          // limb swing, radians; 0 = standing straight
   bool visible = true;
+  bool operator==(const Person&) const = default;
 };
 
 class PersonScene {
@@ -60,7 +62,8 @@ class PersonScene {
   // Image rectangle (inclusive) covered by a person's body, clipped to the image; false when
   // it is not visible or entirely outside.
   bool person_rect(int index, int& x0, int& y0, int& x1, int& y1) const;
-  // 1 on the pixels where the person is the nearest surface.
+  // 1 on the pixels where the person is the nearest surface. Reuses the latest render when
+  // nothing changed since.
   std::vector<uint8_t> mask_of(int index) const;
   // Whether the whole body lies inside the image.
   bool fully_visible(int index) const;
@@ -77,6 +80,7 @@ class PersonScene {
   struct Object {
     std::vector<Block> parts;
     float centreX = 0, centreZ = 0;
+    bool operator==(const Object&) const = default;
   };
   void render_into(std::vector<uint16_t>& depth, std::vector<uint8_t>* owner) const;
   void person_primitives(const Person& p, std::vector<Primitive>& out) const;
@@ -92,6 +96,14 @@ class PersonScene {
   float wall_ = 0;
   std::vector<Person> people_;
   std::vector<Object> objects_;
+  // The latest render, reused while the scene stays the same.
+  mutable bool cached_ = false;
+  mutable std::vector<Person> cachePeople_;
+  mutable std::vector<Object> cacheObjects_;
+  mutable bool cacheFloor_ = false;
+  mutable float cacheWall_ = 0;
+  mutable std::vector<uint16_t> cacheDepth_;
+  mutable std::vector<uint8_t> cacheOwner_;
 };
 
 // The default shift conversion tables of the tracker options.
