@@ -1,0 +1,77 @@
+#pragma once
+// Plain-data interface between the classifier and the tree kernel builds. Each build is
+// compiled with its own instruction-set options, so this header holds only structs of
+// built-in types and declarations: no inline code, no templates, nothing a kernel
+// translation unit could instantiate and the linker could then share with baseline code.
+
+#include <cstdint>
+
+#include "forest/tree_node.h"
+
+namespace quorvik::skeleton {
+
+struct UserStatistics;
+
+// One tree's node array.
+struct KernelTree {
+  const TreeNode* nodes;
+  uint32_t node_count;
+};
+
+// Everything one pass reads, fixed for a classification level.
+struct KernelFrame {
+  const int16_t* depth;          // width x height, millimetres, 0 = no measurement
+  const uint8_t* flags;          // working PixelFlags: bit 0 target, bit 1 context
+  uint32_t width;
+  uint32_t height;
+  int32_t target_box[4];         // x0, y0, x1, y1, inclusive
+  int32_t context_box[4];        // x0, y0, x1, y1, inclusive
+  uint32_t level;                // grid step 1 << level
+  float mean_depth;
+  const UserStatistics* statistics;
+};
+
+// A build's tree walk: runs passes until no pixel moves. node_index (width x height) must
+// already hold each pixel's current node (0 at the start of a level).
+using KernelEntry = int32_t (*)(const KernelTree& tree, const KernelFrame& frame,
+                                uint32_t* node_index);
+
+struct ArchVariant {
+  uint32_t required;   // CpuFeature bits the build needs
+  KernelEntry entry;   // null for an empty slot
+  const char* name;
+};
+
+// Kinds 1 to 12; lives in baseline code and is called by every build, so the arithmetic
+// of those kinds is one and the same everywhere.
+float get_frame_feature_value(uint8_t kind, int32_t x, int32_t y, const UserStatistics& s);
+
+#define QBT_DECLARE_KERNEL_BUILD(ns)                                                   \
+  namespace ns {                                                                       \
+  int32_t evaluate_tree(const KernelTree& tree, const KernelFrame& frame,              \
+                        uint32_t* node_index);                                         \
+  int32_t evaluate_tree_level(const KernelTree& tree, const KernelFrame& frame,        \
+                              uint32_t* node_index);                                   \
+  }
+
+QBT_DECLARE_KERNEL_BUILD(arch_null)
+QBT_DECLARE_KERNEL_BUILD(arch_sse2)
+QBT_DECLARE_KERNEL_BUILD(arch_sse4p1)
+QBT_DECLARE_KERNEL_BUILD(arch_avx)
+QBT_DECLARE_KERNEL_BUILD(arch_avx2)
+QBT_DECLARE_KERNEL_BUILD(arch_fma3)
+#undef QBT_DECLARE_KERNEL_BUILD
+
+// Table entries contributed by the builds (the baseline entry is written by the
+// dispatcher itself). They return constant objects, so no instruction of the build's
+// own instruction set runs before the dispatcher has checked the processor.
+const ArchVariant* describe_arch_sse2();
+const ArchVariant* describe_arch_sse3();
+const ArchVariant* describe_arch_ssse3();
+const ArchVariant* describe_arch_sse4p1();
+const ArchVariant* describe_arch_avx();
+const ArchVariant* describe_arch_avx2();
+const ArchVariant* describe_arch_fma3();
+const ArchVariant* describe_arch_avx_fma3();
+
+}  // namespace quorvik::skeleton

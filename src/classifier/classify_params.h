@@ -1,0 +1,30 @@
+#pragma once
+// Parameter block of one classification level, shared read-only by every task of the level.
+
+#include <cstdint>
+
+#include "op/image.h"
+#include "segmentation/user_statistics.h"
+
+namespace op {
+class ThreadPool;
+}
+
+namespace quorvik::skeleton {
+
+// User-id value written into every pixel a pass classifies or fills, so that the pass's
+// pixels can be found afterwards and given their final id.
+inline constexpr uint8_t kUnresolvedUser = 255;
+
+struct ClassifyParams {
+  const UserStatistics* statistics = nullptr;
+  op::Image<uint8_t>* working_flags = nullptr;  // only pixels with bit 0 are processed
+  const int32_t* target_box = nullptr;          // x0, y0, x1, y1 inclusive: scanned region
+  const int32_t* context_box = nullptr;         // x0, y0, x1, y1 inclusive: probe bounds
+  uint32_t level = 0;                           // grid step 1 << level
+  float mean_depth = 0.f;                       // of the target pixels
+  uint8_t marker = kUnresolvedUser;
+  op::ThreadPool* pool = nullptr;
+};
+
+}  // namespace quorvik::skeleton

@@ -1,0 +1,349 @@
+#include "classifier/frame_classifier.h"
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <exception>
+#include <mutex>
+#include <stdexcept>
+#include <thread>
+
+#include <spdlog/logger.h>
+
+#include "classifier/arch/dispatch.h"
+#include "classifier/depth_features.h"
+#include "op/logging.h"
+#include "op/thread_pool.h"
+
+namespace quorvik::skeleton {
+
+namespace {
+
+constexpr int64_t kWaitWarnMs = 500;
+// Neighbours nearer than this in depth may lend their label to an unfinished pixel.
+constexpr int kFillDepthLimit = 100;
+
+bool contains(std::span<const uint16_t> list, uint16_t value) {
+  return std::find(list.begin(), list.end(), value) != list.end();
+}
+
+// Tasks of one set: the group the pool waits on, plus a count of our own, so that a task
+// the pool refused (which cancels the group) and which therefore ran on the calling
+// thread cannot make the caller return while queued tasks still use its data. The first
+// exception a task raises (a feature kind no build evaluates) is raised again by wait(),
+// on the calling thread, once every task has finished.
+class TaskSet {
+ public:
+  TaskSet() : group_(std::make_shared<op::ActionGroupState>()) {}
+
+  template <typename F>
+  void submit(op::ThreadPool& pool, uint64_t worker, F&& fn) {
+    unfinished_.fetch_add(1, std::memory_order_relaxed);
+    auto task = [this, fn]() {
+      try {
+        fn();
+      } catch (...) {
+        std::lock_guard lock(failure_mutex_);
+        if (!failure_) failure_ = std::current_exception();
+      }
+      unfinished_.fetch_sub(1, std::memory_order_release);
+    };
+    // Waits for room in a full queue rather than dropping the task.
+    auto submitted = pool.submit_waiting(worker, task, group_);
+    if (submitted.is_error()) task();
+  }
+
+  void wait(spdlog::logger& logger, const char* warning) {
+    while (!group_->wait_for(kWaitWarnMs)) {
+      bool cancelled;
+      {
+        std::lock_guard lock(group_->mutex);
+        cancelled = !group_->active;
+      }
+      if (cancelled) {
+        // The group no longer tracks its members; fall back to our own count.
+        while (unfinished_.load(std::memory_order_acquire) != 0) {
+          std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+        break;
+      }
+      logger.warn(warning);
+    }
+    std::lock_guard lock(failure_mutex_);
+    if (failure_) std::rethrow_exception(failure_);
+  }
+
+ private:
+  std::shared_ptr<op::ActionGroupState> group_;
+  std::atomic<uint32_t> unfinished_{0};
+  std::mutex failure_mutex_;
+  std::exception_ptr failure_;
+};
+
+void mark_pass_pixels(op::Image<uint8_t>& user_ids, uint8_t id) {
+  uint8_t* ids = user_ids.data();
+  for (size_t i = 0; i < user_ids.size(); ++i) {
+    if (ids[i] == kUnresolvedUser) ids[i] = id;
+  }
+}
+
+}  // namespace
+
+FrameClassifier::FrameClassifier(const DecisionForest* forest)
+    : forest_(forest), logger_(op::get_logger("FrameClassifier")) {}
+
+FrameClassifier::~FrameClassifier() = default;
+
+void FrameClassifier::classify_user(const op::Image<uint16_t>& depth,
+                                    const op::Image<uint16_t>& label_map,
+                                    const ClassifierUser& user, float threshold,
+                                    op::Image<PixelLabel>& labels,
+                                    op::Image<uint8_t>& user_ids, float& score,
+                                    RegionBox& region, op::ThreadPool& pool) {
+  const UserStatistics statistics =
+      computeUserStatistics(depth, label_map, user.labels, user.candidate_labels);
+  context_labels_.assign(user.labels.begin(), user.labels.end());
+  for (const uint16_t candidate : user.candidate_labels) {
+    target_labels_.assign(1, candidate);
+    context_labels_.push_back(candidate);
+    classify_segments(depth, label_map, statistics, target_labels_, context_labels_, labels,
+                      user_ids, score, region, pool);
+    // A pass that found nothing to do leaves the previous score in place, so such a
+    // candidate is judged on the pass before it; no pixel was marked, so only the
+    // context list can change.
+    if (score >= threshold) {
+      mark_pass_pixels(user_ids, user.id);
+    } else {  // below the threshold, or NaN
+      mark_pass_pixels(user_ids, 0);
+      context_labels_.pop_back();
+    }
+  }
+  target_labels_.assign(user.labels.begin(), user.labels.end());
+  classify_segments(depth, label_map, statistics, target_labels_, context_labels_, labels,
+                    user_ids, score, region, pool);
+  mark_pass_pixels(user_ids, user.id);
+}
+
+void FrameClassifier::classify_segments(const op::Image<uint16_t>& depth,
+                                        const op::Image<uint16_t>& label_map,
+                                        const UserStatistics& statistics,
+                                        std::span<const uint16_t> target_labels,
+                                        std::span<const uint16_t> context_labels,
+                                        op::Image<PixelLabel>& labels,
+                                        op::Image<uint8_t>& user_ids, float& score,
+                                        RegionBox& region, op::ThreadPool& pool) {
+  const uint32_t width = depth.width();
+  const uint32_t height = depth.height();
+  const int32_t w = static_cast<int32_t>(width);
+  const int32_t h = static_cast<int32_t>(height);
+  flags_.resize(width, height);
+  working_flags_.resize(width, height);
+
+  // 1. Flags and boxes.
+  int32_t target_box[4] = {w, h, -1, -1};
+  int32_t context_box[4] = {w, h, -1, -1};
+  auto grow = [](int32_t* box, int32_t x, int32_t y) {
+    box[0] = std::min(box[0], x);
+    box[1] = std::min(box[1], y);
+    box[2] = std::max(box[2], x);
+    box[3] = std::max(box[3], y);
+  };
+  for (int32_t y = 0; y < h; ++y) {
+    const uint16_t* d = depth.row(static_cast<uint32_t>(y));
+    const uint16_t* l = label_map.row(static_cast<uint32_t>(y));
+    uint8_t* f = flags_.row(static_cast<uint32_t>(y));
+    for (int32_t x = 0; x < w; ++x) {
+      uint8_t bits = 0;
+      if (d[x] != 0) {
+        if (contains(target_labels, l[x])) {
+          bits |= kTargetPixel;
+          grow(target_box, x, y);
+        }
+        if (contains(context_labels, l[x])) {
+          bits |= kContextPixel;
+          grow(context_box, x, y);
+        }
+      }
+      f[x] = bits;
+    }
+  }
+  // 2. Nothing to classify, or nothing a probe could read.
+  if (target_box[0] > target_box[2] || context_box[0] > context_box[2]) return;
+  const int32_t x0 = target_box[0], y0 = target_box[1];
+  const int32_t x1 = target_box[2], y1 = target_box[3];
+
+  // 3. Mean depth of the target pixels.
+  float depth_sum = 0.f;
+  uint32_t depth_count = 0;
+  for (int32_t y = y0; y <= y1; ++y) {
+    for (int32_t x = x0; x <= x1; ++x) {
+      if (flags_.at(x, y) & kTargetPixel) {
+        depth_sum += static_cast<float>(static_cast<int16_t>(depth.at(x, y)));
+        ++depth_count;
+      }
+    }
+  }
+  const float mean_depth = depth_sum / static_cast<float>(depth_count);
+
+  // 4. Working copy whose target bit is cleared as pixels get their result.
+  working_flags_ = flags_;
+
+  ClassifyParams params;
+  params.statistics = &statistics;
+  params.working_flags = &working_flags_;
+  params.target_box = target_box;
+  params.context_box = context_box;
+  params.mean_depth = mean_depth;
+  params.marker = kUnresolvedUser;
+  params.pool = &pool;
+
+  // 5. Coarse to fine: classify the grid, then copy each result to the half-step pixels
+  // between grid points whose labels agree.
+  for (uint32_t level = 3; level >= 1; --level) {
+    params.level = level;
+    classify_subframe_LOD_parallel(depth, params, labels, user_ids);
+    const int32_t s = int32_t{1} << level;
+    const int32_t half = s / 2;
+    for (int32_t y = y0; y <= y1; y += s) {
+      for (int32_t x = x0; x <= x1; x += s) {
+        if (!(flags_.at(x, y) & kTargetPixel)) continue;
+        working_flags_.at(x, y) &= static_cast<uint8_t>(~kTargetPixel);
+        if (!(x < w - s && y < h - s)) continue;
+        const PixelLabel& p = labels.at(x, y);
+        if (p.label != labels.at(x + s, y).label || p.label != labels.at(x, y + s).label) {
+          continue;
+        }
+        const uint8_t id = user_ids.at(x, y);
+        auto copy_to = [&](int32_t qx, int32_t qy) {
+          if (!(flags_.at(qx, qy) & kTargetPixel)) return;
+          labels.at(qx, qy) = p;
+          user_ids.at(qx, qy) = id;
+          working_flags_.at(qx, qy) &= static_cast<uint8_t>(~kTargetPixel);
+        };
+        const bool right = x < w - half;
+        const bool down = y < h - half;
+        if (right) copy_to(x + half, y);
+        if (down) copy_to(x, y + half);
+        if (right && down) copy_to(x + half, y + half);
+      }
+    }
+  }
+
+  // 6. Whatever is left takes the label of a finished neighbour of similar depth.
+  static constexpr int kNeighbours[8][2] = {{-1, -1}, {0, -1}, {1, -1}, {-1, 0},
+                                            {1, 0},   {-1, 1}, {0, 1},  {1, 1}};
+  for (int32_t y = std::max(y0, 1); y <= std::min(y1, h - 2); ++y) {
+    for (int32_t x = std::max(x0, 1); x <= std::min(x1, w - 2); ++x) {
+      if (!(working_flags_.at(x, y) & kTargetPixel)) continue;
+      user_ids.at(x, y) = kUnresolvedUser;
+      const int16_t own = static_cast<int16_t>(depth.at(x, y));
+      int best = -1;
+      int16_t best_difference = 0;
+      for (int n = 0; n < 8; ++n) {
+        const int32_t nx = x + kNeighbours[n][0];
+        const int32_t ny = y + kNeighbours[n][1];
+        if (!(flags_.at(nx, ny) & kTargetPixel)) continue;
+        if (working_flags_.at(nx, ny) & kTargetPixel) continue;
+        // 16-bit arithmetic, as the depths are 16-bit values.
+        const int16_t diff =
+            static_cast<int16_t>(static_cast<int16_t>(depth.at(nx, ny)) - own);
+        const int16_t d = static_cast<int16_t>(diff < 0 ? -diff : diff);
+        if (d >= kFillDepthLimit) continue;
+        if (best < 0 || d < best_difference) {
+          best = n;
+          best_difference = d;
+        }
+      }
+      if (best >= 0) labels.at(x, y) = labels.at(x + kNeighbours[best][0], y + kNeighbours[best][1]);
+    }
+  }
+
+  // 7. Score: mean probability of this pass's pixels (0/0 = NaN without any).
+  float probability_sum = 0.f;
+  uint32_t marked = 0;
+  const uint8_t* ids = user_ids.data();
+  const PixelLabel* results = labels.data();
+  for (size_t i = 0; i < user_ids.size(); ++i) {
+    if (ids[i] == kUnresolvedUser) {
+      probability_sum += results[i].probability;
+      ++marked;
+    }
+  }
+  score = probability_sum / static_cast<float>(marked);
+
+  // 8. Region.
+  if (region.empty) {
+    region = {x0, y0, x1, y1, false};
+  } else {
+    region.x0 = std::min(region.x0, x0);
+    region.y0 = std::min(region.y0, y0);
+    region.x1 = std::max(region.x1, x1);
+    region.y1 = std::max(region.y1, y1);
+  }
+}
+
+void FrameClassifier::classify_subframe_LOD_parallel(const op::Image<uint16_t>& depth,
+                                                     const ClassifyParams& params,
+                                                     op::Image<PixelLabel>& labels,
+                                                     op::Image<uint8_t>& user_ids) {
+  op::ThreadPool& pool = *params.pool;
+  const uint64_t workers = pool.threadCount();
+  if (workers == 0) throw std::logic_error("FrameClassifier: the pool has no worker");
+  const size_t tree_count = forest_->tree_count();
+  std::vector<op::Image<uint32_t>> node_images(tree_count);
+  {
+    TaskSet trees;
+    for (size_t t = 0; t < tree_count; ++t) {
+      const DecisionTree* tree = &forest_->tree(t);
+      op::Image<uint32_t>* image = &node_images[t];
+      trees.submit(pool, t % workers, [tree, image, &depth, &params] {
+        evaluate_tree(*tree, depth, params, *image);
+      });
+    }
+    trees.wait(*logger_,
+               "FrameClassifier::classify_subframe_LOD_parallel waiting for more than 500 ms");
+  }
+  accumulate_distributions_parallel(*forest_, node_images, params, labels, *logger_, user_ids);
+}
+
+void FrameClassifier::accumulate_distributions_parallel(
+    const DecisionForest& forest, const std::vector<op::Image<uint32_t>>& node_images,
+    const ClassifyParams& params, op::Image<PixelLabel>& labels, spdlog::logger& logger,
+    op::Image<uint8_t>& user_ids) {
+  op::ThreadPool& pool = *params.pool;
+  const uint64_t workers = pool.threadCount();
+  if (workers == 0) throw std::logic_error("FrameClassifier: the pool has no worker");
+  const int32_t x0 = params.target_box[0], y0 = params.target_box[1];
+  const int32_t x1 = params.target_box[2], y1 = params.target_box[3];
+  const int32_t s = int32_t{1} << params.level;
+  const uint32_t tree_count = static_cast<uint32_t>(forest.tree_count());
+  const op::Image<uint8_t>& flags = *params.working_flags;
+
+  TaskSet shares;
+  for (uint64_t share = 0; share < workers; ++share) {
+    shares.submit(pool, share, [&, share] {
+      // Grid rows share, share + N, share + 2N, ...: every worker gets a similar part
+      // of the user even when the user fills only part of the box.
+      for (int64_t y = y0 + s * static_cast<int64_t>(share); y <= y1;
+           y += s * static_cast<int64_t>(workers)) {
+        const uint32_t row = static_cast<uint32_t>(y);
+        for (int32_t x = x0; x <= x1; x += s) {
+          if (!(flags.at(x, row) & kTargetPixel)) continue;
+          user_ids.at(x, row) = params.marker;
+          LabelDistribution acc;
+          acc.clear();
+          for (uint32_t t = 0; t < tree_count; ++t) {
+            const DecisionTree& tree = forest.tree(t);
+            acc.add(tree.leaf_distribution(tree.node(node_images[t].at(x, row))));
+          }
+          acc.average(tree_count);
+          labels.at(x, row) = PixelLabel{acc.best_label, acc.best_probability};
+        }
+      }
+    });
+  }
+  shares.wait(logger,
+              "FrameClassifier::accumulate_distributions_parallel waiting for more than 500 ms");
+}
+
+}  // namespace quorvik::skeleton

@@ -1,0 +1,86 @@
+#pragma once
+// Labels one user's pixels with body parts. A coarse-to-fine schedule classifies a sparse
+// grid first (steps 8, 4, 2) and copies answers between grid points whose neighbours
+// agree; each grid level runs the whole forest in parallel on the tracker's pool.
+// Candidate segments proposed for the user are accepted or rejected one at a time by how
+// confidently the forest classifies them.
+
+#include <cstdint>
+#include <memory>
+#include <span>
+#include <vector>
+
+#include "classifier/classify_params.h"
+#include "classifier/pixel_label.h"
+#include "skeleton/region_box.h"
+#include "forest/decision_forest.h"
+#include "op/image.h"
+#include "segmentation/user_statistics.h"
+
+namespace spdlog {
+class logger;
+}
+namespace op {
+class ThreadPool;
+}
+
+namespace quorvik::skeleton {
+
+
+// What the classifier reads of a per-user record.
+struct ClassifierUser {
+  uint8_t id = 0;
+  std::span<const uint16_t> labels;            // the segments that make up the user
+  std::span<const uint16_t> candidate_labels;  // segments proposed for the user
+};
+
+class FrameClassifier {
+ public:
+  // The forest must outlive the classifier.
+  explicit FrameClassifier(const DecisionForest* forest);
+  ~FrameClassifier();
+  FrameClassifier(const FrameClassifier&) = delete;
+  FrameClassifier& operator=(const FrameClassifier&) = delete;
+
+  // Classifies the user's own segments, after judging each candidate segment in order.
+  // `labels` and `user_ids` must have been cleared by the caller for this frame; `score`
+  // gets the last pass's mean probability and `region` grows over every target box.
+  void classify_user(const op::Image<uint16_t>& depth, const op::Image<uint16_t>& label_map,
+                     const ClassifierUser& user, float threshold,
+                     op::Image<PixelLabel>& labels, op::Image<uint8_t>& user_ids,
+                     float& score, RegionBox& region, op::ThreadPool& pool);
+
+  // One pass over the pixels of `target_labels`; probes may read the pixels of
+  // `context_labels`. Pixels it touches get kUnresolvedUser in `user_ids`.
+  void classify_segments(const op::Image<uint16_t>& depth,
+                         const op::Image<uint16_t>& label_map,
+                         const UserStatistics& statistics,
+                         std::span<const uint16_t> target_labels,
+                         std::span<const uint16_t> context_labels,
+                         op::Image<PixelLabel>& labels, op::Image<uint8_t>& user_ids,
+                         float& score, RegionBox& region, op::ThreadPool& pool);
+
+  // Classifies the grid of one level with every tree, one task per tree, then combines
+  // the trees' leaves, one task per worker.
+  void classify_subframe_LOD_parallel(const op::Image<uint16_t>& depth,
+                                      const ClassifyParams& params,
+                                      op::Image<PixelLabel>& labels,
+                                      op::Image<uint8_t>& user_ids);
+
+  static void accumulate_distributions_parallel(const DecisionForest& forest,
+                                                const std::vector<op::Image<uint32_t>>& node_images,
+                                                const ClassifyParams& params,
+                                                op::Image<PixelLabel>& labels,
+                                                spdlog::logger& logger,
+                                                op::Image<uint8_t>& user_ids);
+
+ private:
+  const DecisionForest* forest_;
+  op::Image<uint8_t> working_flags_;
+  op::Image<uint8_t> flags_;
+  std::vector<uint16_t> context_labels_;
+  std::vector<uint16_t> target_labels_;
+  std::shared_ptr<spdlog::logger> logger_;
+};
+
+}  // namespace quorvik::skeleton
