@@ -274,3 +274,36 @@ TEST(UserSegmenter, IdsAreHandedOutLowestFirstAndReusedLastFreedFirst) {
   EXPECT_EQ(h.label(p3.x0, 60), 4);
   EXPECT_EQ(h.users->active_user_count(), 4);
 }
+
+TEST(UserSegmenter, FragmentsBehindAUserOrBesideItAreLetGo) {
+  Harness h;
+  const Rect blob{95, 60, 110, 90, 3200};  // a piece of something behind, beside the person
+  TrackedCandidate both = candidate({70, 20, 110, 109, 2500}, true, 3250);
+  const TrackedCandidate c[] = {both};
+  h.step({kPerson, blob}, c);
+  ASSERT_EQ(h.label(kPerson.x0, 60), 1);
+  ASSERT_EQ(h.label(blob.x0, 60), 1);
+  h.step({kPerson, blob});
+  EXPECT_EQ(h.label(kPerson.x0, 60), 1);
+  EXPECT_EQ(h.label(blob.x0, 60), 0);
+  EXPECT_EQ(h.count(1), 20 * 90);
+
+  // A second person who came in together with the first one and now stands apart.
+  Harness g;
+  Rect other{100, 25, 117, 109, 2500};
+  const TrackedCandidate pair[] = {candidate({70, 20, 117, 109, 2500})};
+  g.step({kPerson, other}, pair);
+  ASSERT_EQ(g.label(other.x0, 60), 1);
+  int frames = 0;
+  while (!g.users->is_active(2) && frames < 20) {
+    other.x0 += 3, other.x1 += 3;  // about 50 mm per frame
+    g.step({kPerson, other});
+    ++frames;
+  }
+  // Seen apart in four frames in a row and moved: a user of its own.
+  EXPECT_TRUE(g.users->is_active(2));
+  EXPECT_EQ(frames, 4);
+  EXPECT_EQ(g.label(kPerson.x0, 60), 1);
+  EXPECT_EQ(g.label(other.x0, 60), 2);
+  EXPECT_EQ(g.count(2), 18 * 85);
+}
