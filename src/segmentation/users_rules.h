@@ -5,7 +5,7 @@
 // least 30 frames after its last rebuild, and never on a bad frame). The paths run in this
 // order and each one takes only regions that have no owner and were not handed back:
 //
-//  1. Lost users come back. A user that owns no region this frame (it walked behind someone
+//  1. Lost users come back. A user that owns less than 1500 mm2 (it walked behind someone
 //     or something, or moved too fast for the overlap rule) takes the nearest group (grouped
 //     as in 3 below) of at least 20,000 mm2 whose centroid is within 500 mm in depth of
 //     where the user was last seen and, sideways, within 1000 mm plus 50 mm for

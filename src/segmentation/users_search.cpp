@@ -111,7 +111,7 @@ void UserSegmenter::reacquire_lost_users() {
   bool anyLost = false;
   for (int32_t id = 1; id <= kMaxUsers; ++id) {
     const UserRecord& u = users_[id];
-    anyLost = anyLost || (u.active && u.regionCount == 0 && !u.secondOfPair && u.seen);
+    anyLost = anyLost || (u.active && u.area < kLostArea && !u.secondOfPair && u.seen);
   }
   if (!anyLost) return;
   group_unowned_regions(true);
@@ -124,7 +124,7 @@ void UserSegmenter::reacquire_lost_users() {
     const bool groupLeft = g.minX <= kBorderColumns, groupRight = g.maxX >= width_ - 1 - kBorderColumns;
     for (int32_t id = 1; id <= kMaxUsers; ++id) {
       const UserRecord& u = users_[id];
-      if (!u.active || u.regionCount != 0 || u.secondOfPair || !u.seen || taken[id]) continue;
+      if (!u.active || u.area >= kLostArea || u.secondOfPair || !u.seen || taken[id]) continue;
       const double dz = g.meanDepth - u.position.z, dx = g.worldX - u.position.x;
       if (std::abs(dz) > kReacquireDepth) continue;
       // A user last seen at the side of the image walked out of view: only someone coming
@@ -306,10 +306,11 @@ void UserSegmenter::update_users() {
   }
 }
 
-// Relabelling, with the pair boundaries cut and the users' pixels measured in the same pass: inside a region that the first
-// user of a pair owns and that covers pixels of the second user's previous frame, a pixel
-// goes to the second user when the second user had it before, or when nobody of the two had
-// it and it lies on the second user's side of the split column.
+// Relabelling, with the pair boundaries cut and the users' pixels measured in the same pass.
+// Inside a region that the first user of a pair owns and that covers pixels of the second
+// user's previous frame, a pixel goes to the second user when the second user had it
+// before, or when neither of the two had it and it lies on the second user's side of the
+// split column.
 void UserSegmenter::relabel() {
   for (int32_t r = 1; r <= regionCount_; ++r) {
     if (owner_[r] != 0 && !users_[owner_[r]].active) owner_[r] = 0;
