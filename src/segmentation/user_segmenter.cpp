@@ -687,6 +687,7 @@ void UserSegmenter::gather_owned(int32_t id) {
   user.box.reset();
   user.area = 0;
   user.pixelCount = 0;
+  double depthSum = 0;
   for (int32_t i = 0; i < user.regionCount; ++i) {
     const RegionStats& s = regions_[user.regions[i]];
     if (!s.hasNear) continue;
@@ -694,7 +695,9 @@ void UserSegmenter::gather_owned(int32_t id) {
     user.box.add(s.maxX, s.maxY, s.maxDepth);
     user.area += s.weight;
     user.pixelCount += s.nearPixels;
+    depthSum += s.meanDepth * double(s.weight);
   }
+  user.meanDepth = user.area > 0 ? depthSum / double(user.area) : 0.0;
 }
 
 bool UserSegmenter::consistent() const {

@@ -63,6 +63,7 @@ struct UserRecord {
   int32_t regionCount = 0;
   Box3D<int> box;    // owned regions this frame (x, y pixels; z millimetres)
   int64_t area = 0;  // owned regions this frame, square millimetres
+  double meanDepth = 0;  // of the owned regions, weighted by area
   int32_t pixelCount = 0;
   int32_t age = 0;
   int32_t lostCounter = 0;

@@ -17,9 +17,12 @@
 //     their box (the candidate-driven creation). The gathered regions must also be at least
 //     1000 mm tall: a chair pushed across the room is tall enough and moves enough to be
 //     confirmed as a candidate, but is no person.
-//  3. Person-sized foreground. Unowned, mostly-foreground regions of at least 500 mm2 whose
-//     centroid does not lie in a present user's box (2 pixels and 300 mm of tolerance) are
+//  3. Person-sized foreground. Unowned, mostly-foreground regions of at least 500 mm2 are
+//     grouped unless a present user would take them in (centroid within 2 pixels of its box,
+//     mean depth within 200 mm of its mean depth: a part of that user). The others are
 //     grouped when their boxes come within 2 pixels and their depth ranges within 200 mm.
+//     (Someone walking out from behind a user is 200 mm or more behind the user's mean
+//     depth, so their pixels are not mistaken for the user's own.)
 //     A group looks like a person when its area is between 100,000 and 1,500,000 mm2, it is
 //     1000 to 2600 mm tall and at most 1500 mm wide. Such a group is followed from frame to
 //     frame (matched within 500 mm on the ground); once it has been seen in 4 frames in a
@@ -29,8 +32,8 @@
 //     person-sized part (see the fragments) may be grouped even inside that user's box.
 //
 // Unowned regions are then attached to a present user when their box lies within the user's
-// box (one pixel of tolerance) and their depth range comes within 300 mm of the user's; the
-// nearest user in depth wins.
+// box (one pixel of tolerance) and their mean depth is within 200 mm of the user's mean
+// depth; the nearest user in depth wins.
 //
 // Shapes: a user younger than 30 frames whose box is under 800 mm tall or whose area is under
 // 40,000 mm2 (or that is the second of a pair) goes on probation; one older than 30 frames
@@ -79,7 +82,7 @@ inline constexpr int64_t kRegionMinArea = 500;        // mm2
 inline constexpr int32_t kGroupTouch = 2;             // pixels
 inline constexpr int32_t kGroupDepthGap = 200;        // mm
 inline constexpr int32_t kNearUserColumns = 2;        // pixels around a present user's box
-inline constexpr int32_t kNearUserDepth = 300;        // mm
+inline constexpr double kNearUserDepth = 200;         // mm from the user's mean depth
 inline constexpr float kPendingMatch = 500;           // mm
 inline constexpr int32_t kPendingFrames = 4;
 inline constexpr float kPendingMoved = 100;           // mm
@@ -90,6 +93,6 @@ inline constexpr double kReacquireSidePerFrame = 50;  // mm
 inline constexpr int32_t kReacquireFrames = 60;       // the side range stops growing here
 inline constexpr int32_t kBorderColumns = 1;          // a box this close to the side touches it
 inline constexpr int64_t kCandidateArea = 100000;     // mm2
-inline constexpr int32_t kAttachDepth = 300;          // mm
+inline constexpr double kAttachDepth = 200;           // mm from the user's mean depth
 
 }  // namespace quorvik::legacy::users_rules

@@ -41,7 +41,7 @@ int32_t UserSegmenter::group_unowned_regions(bool excludeNearUsers) {
       const Box3D<int>& b = user.box;
       nearUser = s.meanX >= b.minX - kNearUserColumns && s.meanX <= b.maxX + kNearUserColumns &&
                  s.meanY >= b.minY - kNearUserColumns && s.meanY <= b.maxY + kNearUserColumns &&
-                 s.meanDepth >= b.minZ - kNearUserDepth && s.meanDepth <= b.maxZ + kNearUserDepth;
+                 std::abs(s.meanDepth - user.meanDepth) <= kNearUserDepth;
     }
     if (nearUser) continue;
     groupRegion_[n] = r;
@@ -261,8 +261,9 @@ void UserSegmenter::create_from_foreground() {
 
 void UserSegmenter::attach_unowned_regions() {
   Box3D<int> boxes[kMaxUsers + 1];
+  double depths[kMaxUsers + 1] = {};
   for (int32_t id = 1; id <= kMaxUsers; ++id) {
-    if (users_[id].active) boxes[id] = users_[id].box;
+    if (users_[id].active) boxes[id] = users_[id].box, depths[id] = users_[id].meanDepth;
   }
   for (int32_t r = 1; r <= regionCount_; ++r) {
     const RegionStats& s = regions_[r];
@@ -273,8 +274,8 @@ void UserSegmenter::attach_unowned_regions() {
       const Box3D<int>& b = boxes[id];
       if (!users_[id].active || b.empty()) continue;
       if (s.minX < b.minX - 1 || s.maxX > b.maxX + 1 || s.minY < b.minY - 1 || s.maxY > b.maxY + 1) continue;
-      if (s.maxDepth < b.minZ - kAttachDepth || s.minDepth > b.maxZ + kAttachDepth) continue;
-      const double distance = std::abs(s.meanDepth - 0.5 * (b.minZ + b.maxZ));
+      const double distance = std::abs(s.meanDepth - depths[id]);
+      if (distance > kAttachDepth) continue;
       if (best == 0 || distance < bestDistance) best = id, bestDistance = distance;
     }
     if (best != 0) give_region(best, r);
