@@ -536,3 +536,30 @@ TEST(Users, AUserKeepsTheIdThroughABackgroundReset) {
   EXPECT_GT(recall, 0.85);
   EXPECT_GT(precision, 0.9);
 }
+
+TEST(Users, TwoPeopleWhoComeInTogetherGetTwoIdsOnceApart) {
+  PersonScene scene = room();
+  const int a = scene.add_person(-2500.f, 2800.f);
+  const int b = scene.add_person(-3060.f, 2800.f);  // arm to arm with a
+  SceneEngine run;
+  run.feed(scene.render(), 40);
+  for (int f = 0; f < 140; ++f) {
+    scene.walk_to(a, scene.person(a).x + kStep, 2800.f);
+    scene.walk_to(b, scene.person(b).x + (f < 80 ? kStep : -20.f), 2800.f);
+    const std::vector<uint16_t> depth = scene.render();
+    run.feed(depth);
+    SCOPED_TRACE(f);
+    check_frame(run, depth);
+    ASSERT_LE(run.users().active_user_count(), 2);
+  }
+  const uint16_t idA = id_of(run, scene, a), idB = id_of(run, scene, b);
+  EXPECT_NE(idA, 0);
+  EXPECT_NE(idB, 0);
+  EXPECT_NE(idA, idB);
+  for (int person : {a, b}) {
+    double recall = 0, precision = 0;
+    coverage(run, scene, person, person == a ? idA : idB, recall, precision);
+    EXPECT_GT(recall, 0.8);
+    EXPECT_GT(precision, 0.9);
+  }
+}
