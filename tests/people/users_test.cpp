@@ -315,8 +315,9 @@ TEST(Users, NoisyFramesStayWithinTheRegionCapacity) {
     for (uint16_t& d : noise) d = coin(random) == 0 ? 0 : uint16_t(depth(random));
     run.feed(noise);
     SCOPED_TRACE(f);
-    ASSERT_LE(run.users().region_count(), 1999);
-    ASSERT_TRUE(run.users().consistent());
+    // Far more regions than the tables hold: the rest are silently left out.
+    ASSERT_EQ(run.users().region_count(), 1999);
+    check_frame(run, noise);
     ASSERT_LE(run.users().active_user_count(), 10);
   }
 }
