@@ -1,34 +1,729 @@
 #include "segmentation/user_segmenter.h"
 
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+
+#include "segmentation/users_rules.h"
+
 namespace quorvik::legacy {
+
+using namespace users_rules;
+
+namespace {
+
+inline uint32_t find_root(std::vector<uint32_t>& parent, uint32_t i) {
+  while (parent[i] != i) {
+    parent[i] = parent[parent[i]];
+    i = parent[i];
+  }
+  return i;
+}
+
+// Joins the sets of two roots-or-members; the smaller root becomes the root of both.
+inline uint32_t unite(std::vector<uint32_t>& parent, uint32_t a, uint32_t b) {
+  a = find_root(parent, a);
+  b = find_root(parent, b);
+  if (a < b) {
+    parent[b] = a;
+    return a;
+  }
+  parent[a] = b;
+  return b;
+}
+
+inline int32_t absdiff(int32_t a, int32_t b) { return a > b ? a - b : b - a; }
+
+}  // namespace
 
 void UserSegmenter::start(int32_t width, int32_t height, const uint16_t* depthToShift, uint32_t depthToShiftLength,
                           bool mirrored, const skeleton::SegCoordinateMapper<double>* mapper) {
-  width_ = width;
-  height_ = height;
-  pixelCount_ = width * height;
+  width_ = std::max(width, 0);
+  height_ = std::max(height, 0);
+  pixelCount_ = width_ * height_;
+  scale_ = width_ > 0 ? uint32_t(5120 / width_) : 0;
   depthToShift_ = depthToShift;
   depthToShiftLength_ = depthToShiftLength;
   mirrored_ = mirrored;
   mapper_ = mapper;
+
+  for (Array2D<uint16_t>* image : {&labellingDepth_, &labellingShift_}) {
+    image->resize(width_, height_);
+    image->clear();
+  }
+  for (Array2D<uint8_t>* image : {&unchanged_, &unchangedNear_}) {
+    image->resize(width_, height_);
+    image->clear();
+  }
+  provisional_.resize(width_, height_);
+  provisional_.clear();
   labelRing_.reset();
   for (int i = 0; i < 2; ++i) {
     labelRing_.advance();
-    labelRing_.current().resize(width, height);
+    labelRing_.current().resize(width_, height_);
     labelRing_.current().clear();
   }
+  if (parent_.size() < size_t(pixelCount_) + 1) {
+    parent_.assign(size_t(pixelCount_) + 1, 0);
+    finalLabel_.assign(size_t(pixelCount_) + 1, 0);
+  }
+
+  for (int32_t d = 0; d < kWeightTableSize; ++d) {
+    weight_[d] = mapper_ != nullptr ? int32_t(mapper_->pixel_area_at(uint32_t(d)) * 100.0 + 0.5) : 0;
+  }
+
+  regionCount_ = 0;
+  std::fill(std::begin(owner_), std::end(owner_), 0u);
+  for (UserRecord& user : users_) user = UserRecord{};
+  for (PairEvent& event : pairs_) event = PairEvent{};
+  for (PendingPerson& p : pending_) p = PendingPerson{};
+  freeCount_ = 0;
+  for (uint32_t id = kMaxUsers; id >= 1; --id) freeIds_[freeCount_++] = id;
   handedBackCount_ = 0;
   userBoxCount_ = 0;
+  badFrame_ = false;
+  frame_ = 0;
 }
 
-void UserSegmenter::stage1(DepthFrameInput&, const Array2D<uint8_t>&, bool, const BackgroundModel&) {
+int32_t UserSegmenter::active_user_count() const {
+  int32_t n = 0;
+  for (int32_t id = 1; id <= kMaxUsers; ++id) n += users_[id].active ? 1 : 0;
+  return n;
+}
+
+double UserSegmenter::pixel_size(double depth) const {
+  if (mapper_ == nullptr || depth <= 0) return 0;
+  return mapper_->pixel_size_at(uint32_t(depth));
+}
+
+int32_t UserSegmenter::world_height(int32_t minY, int32_t maxY, double depth) const {
+  if (maxY < minY) return 0;
+  return int32_t(double(maxY - minY + 1) * pixel_size(depth));
+}
+
+// ---------------------------------------------------------------------------------------
+// Stage 1
+
+void UserSegmenter::stage1(DepthFrameInput& input, const Array2D<uint8_t>& floorMask, bool hasFloor,
+                           const BackgroundModel& background) {
+  ++frame_;
   labelRing_.advance();
-  labelRing_.current().clear();
+  Array2D<uint16_t>& labels = labelRing_.current();
+  labels.resize(width_, height_);
   handedBackCount_ = 0;
+  badFrame_ = background.badFrame;
+
+  // Region ids are renumbered every frame, so every list is rebuilt from the carry-over.
+  for (int32_t id = 1; id <= kMaxUsers; ++id) users_[id].clear_frame_state();
+  if (background.resetThisFrame) {
+    for (PairEvent& event : pairs_) event = PairEvent{};
+    for (PendingPerson& p : pending_) p = PendingPerson{};
+  }
+
+  const bool sized = input.width == width_ && input.height == height_ && input.raw(0).width() == width_ &&
+                     input.raw(0).height() == height_ && background.foreground.same_shape(labels);
+  box_ = ValidBox{1, 1, 0, 0};
+  if (!sized || pixelCount_ == 0) {
+    labels.clear();
+    regionCount_ = 0;
+    return;
+  }
+
+  build_labelling_images(input, floorMask, hasFloor, background);
+  label_regions();
+  gather_region_statistics(background, input);
+  carry_over_identity();
+  pair_users();
+  check_against_background(background);
+  hand_back_static_regions();
+  drop_fragments();
+  rebuild_handed_back();
 }
 
-void UserSegmenter::stage2(DepthFrameInput&, std::span<const TrackedCandidate>, const BackgroundModel&) {
-  userBoxCount_ = 0;
+void UserSegmenter::build_labelling_images(DepthFrameInput& input, const Array2D<uint8_t>& floorMask, bool hasFloor,
+                                           const BackgroundModel& background) {
+  labellingDepth_.clear();
+  labellingShift_.clear();
+  box_ = input.validBox;
+  ValidBox& vb = box_;
+  vb.left = std::max(vb.left, 0);
+  vb.right = std::min(vb.right, width_ - 1);
+  vb.top = std::max(vb.top, 0);
+  vb.bottom = std::min(vb.bottom, height_ - 1);
+  if (vb.left > vb.right || vb.top > vb.bottom) return;
+
+  const bool useFloor = hasFloor && floorMask.width() == width_ && floorMask.height() == height_;
+  const Array2D<uint16_t>& raw = input.raw(0);
+  const Array2D<uint16_t>& rawPrevious = input.raw(1);
+  const Array2D<uint16_t>& shift = input.shift(0);
+  const Array2D<uint16_t>& previousLabels = labelRing_.back(1);
+  for (int32_t y = vb.top; y <= vb.bottom; ++y) {
+    const uint16_t* r = raw.row(y);
+    const uint16_t* rp = rawPrevious.row(y);
+    const uint16_t* s = shift.row(y);
+    const uint16_t* fg = background.foreground.row(y);
+    const uint16_t* prev = previousLabels.row(y);
+    const uint8_t* floor = useFloor ? floorMask.row(y) : nullptr;
+    uint16_t* ld = labellingDepth_.row(y);
+    uint16_t* ls = labellingShift_.row(y);
+    for (int32_t x = vb.left; x <= vb.right; ++x) {
+      const uint32_t depth = r[x];
+      if (depth >= uint32_t(kFarCut) || (floor != nullptr && floor[x] != 0)) continue;
+      if (depth == 0) {
+        ld[x] = kZeroDepth;
+        ls[x] = kZeroShift;
+      } else if (fg[x] != 0 || prev[x] != 0 || rp[x] == 0) {
+        ld[x] = uint16_t(depth);
+        ls[x] = s[x] != 0 ? s[x] : kZeroShift;
+      } else {
+        // Static pixels that belonged to nobody are pushed away so that they do not join
+        // the people in front of them.
+        ld[x] = uint16_t(depth + kPushDepth);
+        ls[x] = s[x] != 0 ? uint16_t(s[x] + kPushShift) : kZeroShift;
+      }
+    }
+  }
+}
+
+void UserSegmenter::label_regions() {
+  const ValidBox& vb = box_;
+  Array2D<uint16_t>& labels = labelRing_.current();
+  labels.clear();
+  regionCount_ = 0;
+  if (vb.left > vb.right || vb.top > vb.bottom) return;
+
+  uint32_t next = 0;
+  for (int32_t y = vb.top; y <= vb.bottom; ++y) {
+    const uint16_t* d = labellingDepth_.row(y);
+    const uint16_t* s = labellingShift_.row(y);
+    uint32_t* p = provisional_.row(y);
+    const bool hasUp = y > vb.top;
+    const uint16_t* du = hasUp ? labellingDepth_.row(y - 1) : nullptr;
+    const uint16_t* su = hasUp ? labellingShift_.row(y - 1) : nullptr;
+    const uint32_t* pu = hasUp ? provisional_.row(y - 1) : nullptr;
+    for (int32_t x = vb.left; x <= vb.right; ++x) {
+      if (d[x] == 0) {
+        p[x] = 0;
+        continue;
+      }
+      const int32_t dx = d[x], sx = s[x];
+      uint32_t label = 0, joined = 0;
+      auto join = [&](uint32_t other, int32_t od, int32_t os) {
+        // Neighbours in one smooth surface usually carry the same provisional label.
+        if (other == 0 || other == joined || (absdiff(dx, od) > kJoinDepth && absdiff(sx, os) > kJoinShift)) return;
+        label = label == 0 ? find_root(parent_, other) : unite(parent_, label, other);
+        joined = other;
+      };
+      if (x > vb.left) join(p[x - 1], d[x - 1], s[x - 1]);
+      if (hasUp) {
+        if (x > vb.left) join(pu[x - 1], du[x - 1], su[x - 1]);
+        join(pu[x], du[x], su[x]);
+        if (x < vb.right) join(pu[x + 1], du[x + 1], su[x + 1]);
+      }
+      if (label == 0) {
+        label = ++next;
+        parent_[label] = label;
+      }
+      p[x] = label;
+    }
+  }
+
+  // Roots get their numbers in increasing provisional order, which is the raster order of
+  // each region's first pixel; a member's root is always smaller than the member.
+  uint32_t regions = 0;
+  for (uint32_t l = 1; l <= next; ++l) {
+    finalLabel_[l] = parent_[l] == l ? ++regions : finalLabel_[find_root(parent_, l)];
+  }
+  regionCount_ = int32_t(std::min<uint32_t>(regions, uint32_t(kMaxRegionId)));
+  for (int32_t y = vb.top; y <= vb.bottom; ++y) {
+    const uint32_t* p = provisional_.row(y);
+    uint16_t* out = labels.row(y);
+    for (int32_t x = vb.left; x <= vb.right; ++x) {
+      if (p[x] == 0) continue;
+      const uint32_t id = finalLabel_[p[x]];
+      out[x] = id <= uint32_t(kMaxRegionId) ? uint16_t(id) : uint16_t{0};
+    }
+  }
+}
+
+void UserSegmenter::gather_region_statistics(const BackgroundModel& background, DepthFrameInput& input) {
+  for (int32_t r = 0; r <= regionCount_; ++r) {
+    RegionStats& s = regions_[r];
+    s = RegionStats{};
+    s.minX = s.minY = s.farMinX = s.farMinY = INT32_MAX;
+    s.maxX = s.maxY = s.farMaxX = s.farMaxY = INT32_MIN;
+    s.minDepth = INT32_MAX;
+    s.maxDepth = INT32_MIN;
+    owner_[r] = 0;
+  }
+  unchanged_.clear();
+  unchangedNear_.clear();
+  const ValidBox& vb = box_;
+  const Array2D<uint16_t>& labels = labelRing_.current();
+  const Array2D<uint16_t>& previousLabels = labelRing_.back(1);
+  const Array2D<uint16_t>& raw = input.raw(0);
+  const Array2D<uint16_t>& rawPrevious = input.raw(1);
+  auto close = [](int32_t a, int32_t b) { return b != 0 && absdiff(a, b) < kUnchangedMm; };
+  // A run-length pass: consecutive near pixels of one region are summed in locals and
+  // added to the region's record once per run.
+  for (int32_t y = vb.top; y <= vb.bottom; ++y) {
+    const uint16_t* l = labels.row(y);
+    const uint16_t* ld = labellingDepth_.row(y);
+    const uint16_t* r = raw.row(y);
+    const uint16_t* p = rawPrevious.row(y);
+    const uint16_t* pu = y > 0 ? rawPrevious.row(y - 1) : nullptr;
+    const uint16_t* pd = y + 1 < height_ ? rawPrevious.row(y + 1) : nullptr;
+    const uint16_t* fg = background.foreground.row(y);
+    const uint16_t* prev = previousLabels.row(y);
+    uint8_t* u = unchanged_.row(y);
+    uint8_t* un = unchangedNear_.row(y);
+    int32_t x = vb.left;
+    while (x <= vb.right) {
+      const int32_t id = l[x];
+      if (id == 0 || id > regionCount_) {
+        ++x;
+        continue;
+      }
+      RegionStats& s = regions_[id];
+      if (ld[x] >= kPushDepth) {
+        const int32_t x0 = x;
+        bool zero = false;
+        while (x <= vb.right && l[x] == id && ld[x] >= kPushDepth) zero |= r[x++] == 0;
+        s.pixels += x - x0;
+        s.farMinX = std::min(s.farMinX, x0), s.farMaxX = std::max(s.farMaxX, x - 1);
+        s.farMinY = std::min(s.farMinY, y), s.farMaxY = std::max(s.farMaxY, y);
+        s.hasZero = s.hasZero || zero;
+        continue;
+      }
+      const int32_t x0 = x;
+      int32_t minDepth = INT32_MAX, maxDepth = INT32_MIN;
+      int64_t sumX = 0, sumDepth = 0, weight = 0, fgWeight = 0, unchangedWeight = 0;
+      while (x <= vb.right && l[x] == id && ld[x] < kPushDepth) {
+        const int32_t depth = ld[x];
+        const int64_t w = weight_[depth];
+        const bool same = close(depth, p[x]);
+        const bool near = same || (x > 0 && close(depth, p[x - 1])) || (x + 1 < width_ && close(depth, p[x + 1])) ||
+                          (pu != nullptr && close(depth, pu[x])) || (pd != nullptr && close(depth, pd[x]));
+        u[x] = same ? 1 : 0;
+        un[x] = near ? 1 : 0;
+        minDepth = std::min(minDepth, depth), maxDepth = std::max(maxDepth, depth);
+        sumX += x, sumDepth += depth, weight += w;
+        if (fg[x] != 0) fgWeight += w;
+        if (near) unchangedWeight += w;
+        if (same && prev[x] >= 1 && prev[x] <= kMaxUsers) s.overlap[prev[x]] += w;
+        ++x;
+      }
+      const int32_t n = x - x0;
+      s.pixels += n;
+      s.nearPixels += n;
+      s.minX = std::min(s.minX, x0), s.maxX = std::max(s.maxX, x - 1);
+      s.minY = std::min(s.minY, y), s.maxY = std::max(s.maxY, y);
+      s.minDepth = std::min(s.minDepth, minDepth), s.maxDepth = std::max(s.maxDepth, maxDepth);
+      s.sumX += sumX, s.sumY += int64_t(y) * n, s.sumDepth += sumDepth;
+      s.weight += weight, s.foregroundWeight += fgWeight, s.unchangedWeight += unchangedWeight;
+    }
+  }
+  for (int32_t id = 1; id <= regionCount_; ++id) {
+    RegionStats& s = regions_[id];
+    s.hasNear = s.nearPixels > 0;
+    if (s.hasNear) {
+      const double n = double(s.nearPixels);
+      s.meanX = double(s.sumX) / n;
+      s.meanY = double(s.sumY) / n;
+      s.meanDepth = double(s.sumDepth) / n;
+      s.worldX = mapper_ != nullptr ? (s.meanX - mapper_->centerX) * pixel_size(s.meanDepth) : 0;
+    }
+    s.weight /= 100;
+    s.foregroundWeight /= 100;
+    s.unchangedWeight /= 100;
+    for (int64_t& o : s.overlap) o /= 100;
+    s.mostlyUnchanged = 10 * s.unchangedWeight > 8 * s.weight;
+    s.mostlyForeground = 2 * s.foregroundWeight > s.weight;
+  }
+}
+
+void UserSegmenter::carry_over_identity() {
+  int64_t bestOverlap[kMaxUsers + 1] = {};
+  for (int32_t r = 1; r <= regionCount_; ++r) {
+    const RegionStats& s = regions_[r];
+    if (!s.usable()) continue;
+    int32_t k = 0;
+    for (int32_t id = 1; id <= kMaxUsers; ++id) {
+      if (s.overlap[id] > (k == 0 ? 0 : s.overlap[k])) k = id;
+    }
+    if (k == 0) continue;
+    if (3 * s.overlap[k] > s.weight && users_[k].active && users_[k].append(r)) owner_[r] = uint32_t(k);
+    if (s.overlap[k] > bestOverlap[k]) {
+      bestOverlap[k] = s.overlap[k];
+      users_[k].bestRegion = r;
+    }
+  }
+}
+
+int32_t UserSegmenter::find_pair(int32_t a, int32_t b) const {
+  for (int32_t i = 0; i < kMaxPairs; ++i) {
+    const PairEvent& e = pairs_[i];
+    if (e.used && ((e.first == a && e.second == b) || (e.first == b && e.second == a))) return i;
+  }
+  return -1;
+}
+
+void UserSegmenter::pair_users() {
+  int64_t overlap[kMaxUsers + 1][kMaxUsers + 1] = {};
+  for (int32_t k = 1; k <= kMaxUsers; ++k) {
+    const UserRecord& user = users_[k];
+    if (!user.active) continue;
+    for (int32_t i = 0; i < user.regionCount; ++i) {
+      const RegionStats& s = regions_[user.regions[i]];
+      for (int32_t j = 1; j <= kMaxUsers; ++j) overlap[k][j] += s.overlap[j];
+    }
+  }
+  for (int32_t k = 1; k <= kMaxUsers; ++k) {
+    for (int32_t j = 1; j <= kMaxUsers; ++j) overlapTotals_[k][j] = overlap[k][j];
+  }
+
+  for (int32_t k = 1; k <= kMaxUsers; ++k) {
+    UserRecord& first = users_[k];
+    if (!first.active || first.secondOfPair) continue;
+    for (int32_t j = 1; j <= kMaxUsers; ++j) {
+      UserRecord& second = users_[j];
+      if (j == k || !second.active || second.secondOfPair || overlap[k][j] < kPairOverlap) continue;
+      first.pairPartner = j;
+      second.secondOfPair = true;
+      for (int32_t i = 0; i < second.regionCount; ++i) {
+        const int32_t r = second.regions[i];
+        owner_[r] = first.append(r) ? uint32_t(k) : 0u;
+      }
+      second.regionCount = 0;
+      int32_t e = find_pair(k, j);
+      if (e < 0) {
+        for (int32_t i = 0; i < kMaxPairs && e < 0; ++i) {
+          if (!pairs_[i].used) e = i;
+        }
+        if (e >= 0) pairs_[e] = PairEvent{};
+      }
+      if (e >= 0) {
+        PairEvent& event = pairs_[e];
+        event.used = true;
+        event.first = k;
+        event.second = j;
+        event.recordedOverlap = overlap[k][j];
+        event.pairedThisFrame = true;
+      }
+    }
+  }
+  maintain_pair_events();
+  for (const PairEvent& event : pairs_) {
+    if (!event.used) continue;
+    users_[event.second].secondOfPair = true;
+    users_[event.first].pairPartner = event.second;
+  }
+}
+
+// A pair event lives while the two users keep covering each other's previous pixels: it is
+// dropped once the overlap falls below 70 percent of the overlap recorded at the latest
+// pairing, or when either user is gone. Its split column is the image column half-way
+// between the two users' previous centroids.
+void UserSegmenter::maintain_pair_events() {
+  for (PairEvent& event : pairs_) {
+    if (!event.used) continue;
+    const UserRecord& a = users_[event.first];
+    const UserRecord& b = users_[event.second];
+    if (!a.active || !b.active) {
+      event = PairEvent{};
+      continue;
+    }
+    if (!event.pairedThisFrame) {
+      const int64_t current =
+          std::max(overlapTotals_[event.first][event.second], overlapTotals_[event.second][event.first]);
+      if (10 * current < 7 * event.recordedOverlap) {
+        event = PairEvent{};
+        continue;
+      }
+    }
+    if (a.seen && b.seen) {
+      event.splitColumn = int32_t(std::lround((a.centroidColumn + b.centroidColumn) / 2));
+      event.secondOnLeft = b.centroidColumn < a.centroidColumn;
+    }
+    event.pairedThisFrame = false;
+    ++event.frames;
+  }
+}
+
+bool UserSegmenter::in_pair(int32_t id) const {
+  for (const PairEvent& event : pairs_) {
+    if (event.used && (event.first == id || event.second == id)) return true;
+  }
+  return false;
+}
+
+void UserSegmenter::check_against_background(const BackgroundModel& background) {
+  if (background.badFrame) {
+    for (int32_t id = 1; id <= kMaxUsers; ++id) {
+      if (users_[id].active && users_[id].regionCount == 0) remove_user(id);
+    }
+  }
+  if (!background.sceneChanging) return;
+  for (int32_t id = 1; id <= kMaxUsers; ++id) {
+    UserRecord& user = users_[id];
+    // Paired users hand their regions to the first of the pair; they are judged together
+    // with it and not on their own lists.
+    if (!user.active || in_pair(id)) continue;
+    if (user.age < int32_t(background.changeDepth)) {
+      remove_user(id);
+      continue;
+    }
+    int64_t present = 0;
+    for (int32_t i = 0; i < user.regionCount; ++i) present += regions_[user.regions[i]].weight;
+    if (3 * present < 2 * user.labelArea || 10 * overlapTotals_[id][id] < 8 * present) remove_user(id);
+  }
+}
+
+void UserSegmenter::hand_back_static_regions() {
+  bool anyStatic = false;
+  for (int32_t id = 1; id <= kMaxUsers && !anyStatic; ++id) {
+    const UserRecord& user = users_[id];
+    if (!user.active) continue;
+    for (int32_t i = 0; i < user.regionCount && !anyStatic; ++i) {
+      const RegionStats& s = regions_[user.regions[i]];
+      anyStatic = 10 * s.foregroundWeight < s.weight;
+    }
+  }
+  if (!anyStatic) return;
+
+  int64_t area[kMaxUsers + 1] = {}, foreground[kMaxUsers + 1] = {};
+  for (int32_t id = 1; id <= kMaxUsers; ++id) {
+    const UserRecord& user = users_[id];
+    if (!user.active) continue;
+    for (int32_t i = 0; i < user.regionCount; ++i) {
+      area[id] += regions_[user.regions[i]].weight;
+      foreground[id] += regions_[user.regions[i]].foregroundWeight;
+    }
+  }
+  for (const PairEvent& event : pairs_) {
+    if (!event.used) continue;
+    const int64_t a = std::min(area[event.first], area[event.second]);
+    const int64_t m = std::min(foreground[event.first], foreground[event.second]);
+    area[event.first] = area[event.second] = a;
+    foreground[event.first] = foreground[event.second] = m;
+  }
+  for (int32_t id = 1; id <= kMaxUsers; ++id) {
+    UserRecord& user = users_[id];
+    if (!user.active) continue;
+    const int64_t A = area[id], M = foreground[id];
+    const bool examineAll = !in_pair(id) && 4 * M >= A;
+    const int64_t h = user.maxWorldHeight;
+    const int64_t limit = std::min(h * h / 3, A);
+    int32_t kept = 0;
+    for (int32_t i = 0; i < user.regionCount; ++i) {
+      const int32_t r = user.regions[i];
+      RegionStats& s = regions_[r];
+      const int64_t a = s.weight, m = s.foregroundWeight;
+      bool release = false;
+      if ((examineAll || a <= kSmallStaticRegion) && 10 * m < a && 4 * m < limit) {
+        if (10 * m >= M) {
+          release = user.shapeFlag;
+        } else if (M >= kHandBackForeground) {
+          release = true;
+          s.handedBack = true;
+          s.handedBackBy = uint8_t(id);
+        }
+      }
+      if (release) {
+        owner_[r] = 0;
+      } else {
+        user.regions[kept++] = int16_t(r);
+      }
+    }
+    user.regionCount = kept;
+  }
+}
+
+// Fragments. A user's regions are grouped by overlapping image boxes. When there is more
+// than one group, the main group is the nearest person-sized one (area above 100,000 mm2,
+// height above 800 mm). Another group loses its regions when
+//  - it lies entirely behind the main group and is a blob rather than a thin strip (its area
+//    is above a tenth of its height squared): typically a piece of wall or furniture that
+//    joined while the person stood against it; or
+//  - it is itself person-sized (area above 100,000 mm2, height at least 1000 mm) and lies
+//    beside the main group with a gap of at least 100 mm: a second person who walked in
+//    touching the first one and has now stepped apart. Such regions are marked so that the
+//    new-user search may start a user from them even though they lie near this one.
+void UserSegmenter::drop_fragments() {
+  struct FragmentGroup {
+    int64_t area = 0;
+    int32_t minX = INT32_MAX, maxX = INT32_MIN, minY = INT32_MAX, maxY = INT32_MIN;
+    int32_t minDepth = INT32_MAX, maxDepth = INT32_MIN;
+    int64_t depthSum = 0, pixels = 0;
+  };
+  int32_t parent[UserRecord::kMaxRegions];
+  FragmentGroup groups[UserRecord::kMaxRegions];
+  for (int32_t id = 1; id <= kMaxUsers; ++id) {
+    UserRecord& user = users_[id];
+    if (!user.active || user.regionCount < 2) continue;
+    const int32_t n = user.regionCount;
+    for (int32_t i = 0; i < n; ++i) parent[i] = i;
+    auto root = [&](int32_t i) {
+      while (parent[i] != i) i = parent[i] = parent[parent[i]];
+      return i;
+    };
+    for (int32_t i = 0; i < n; ++i) {
+      const RegionStats& a = regions_[user.regions[i]];
+      for (int32_t j = i + 1; j < n; ++j) {
+        const RegionStats& b = regions_[user.regions[j]];
+        if (a.minX > b.maxX || b.minX > a.maxX || a.minY > b.maxY || b.minY > a.maxY) continue;
+        const int32_t ra = root(i), rb = root(j);
+        if (ra != rb) parent[std::max(ra, rb)] = std::min(ra, rb);
+      }
+    }
+    int32_t groupCount = 0;
+    for (int32_t i = 0; i < n; ++i) {
+      if (root(i) != i) continue;
+      groups[i] = FragmentGroup{};
+      ++groupCount;
+    }
+    if (groupCount < 2) continue;
+    for (int32_t i = 0; i < n; ++i) {
+      const RegionStats& s = regions_[user.regions[i]];
+      FragmentGroup& g = groups[root(i)];
+      g.area += s.weight;
+      g.minX = std::min(g.minX, s.minX), g.maxX = std::max(g.maxX, s.maxX);
+      g.minY = std::min(g.minY, s.minY), g.maxY = std::max(g.maxY, s.maxY);
+      g.minDepth = std::min(g.minDepth, s.minDepth), g.maxDepth = std::max(g.maxDepth, s.maxDepth);
+      g.depthSum += s.sumDepth;
+      g.pixels += s.nearPixels;
+    }
+    auto height_of = [&](const FragmentGroup& g) {
+      return world_height(g.minY, g.maxY, g.pixels > 0 ? double(g.depthSum) / double(g.pixels) : 0.0);
+    };
+    int32_t main = -1;
+    for (int32_t i = 0; i < n; ++i) {
+      if (root(i) != i) continue;
+      const FragmentGroup& g = groups[i];
+      if (g.area <= kPersonArea || height_of(g) <= kFragmentMainHeight) continue;
+      if (main < 0 || g.minDepth < groups[main].minDepth) main = i;
+    }
+    if (main < 0) continue;
+    const FragmentGroup& m = groups[main];
+    const double mainPixel = pixel_size(double(m.depthSum) / double(std::max<int64_t>(m.pixels, 1)));
+    int32_t kept = 0;
+    for (int32_t i = 0; i < n; ++i) {
+      const int32_t r = user.regions[i];
+      const int32_t gi = root(i);
+      bool release = false;
+      uint8_t fragment = 0;
+      if (gi != main) {
+        const FragmentGroup& g = groups[gi];
+        const int64_t h = height_of(g);
+        const bool behind = g.minDepth > m.maxDepth;
+        const int32_t gapColumns = std::max(g.minX - m.maxX, m.minX - g.maxX) - 1;
+        const bool beside = double(gapColumns) * mainPixel >= kFragmentGap;
+        if (behind && 10 * g.area > h * h) {
+          release = true;
+        } else if (beside && g.area > kPersonArea && h >= kPersonHeight) {
+          release = true;
+          fragment = 1;
+        }
+      }
+      if (release) {
+        owner_[r] = 0;
+        regions_[r].fragment = fragment;
+      } else {
+        user.regions[kept++] = int16_t(r);
+      }
+    }
+    user.regionCount = kept;
+  }
+}
+
+void UserSegmenter::rebuild_handed_back() {
+  handedBackCount_ = 0;
+  for (int32_t r = 1; r <= regionCount_; ++r) {
+    const RegionStats& s = regions_[r];
+    if (!s.handedBack || owner_[r] != 0 || !s.hasNear) continue;
+    HandedBackRegion& out = handedBack_[handedBackCount_++];
+    out.regionId = r;
+    out.box.reset();
+    out.box.add(s.minX, s.minY, s.minDepth);
+    out.box.add(s.maxX, s.maxY, s.maxDepth);
+    out.weight = int32_t(std::min<int64_t>(s.weight, INT32_MAX));
+  }
+}
+
+// ---------------------------------------------------------------------------------------
+// Users: creation, removal, regions
+
+int32_t UserSegmenter::create_user() {
+  if (freeCount_ == 0) return 0;
+  const int32_t id = int32_t(freeIds_[--freeCount_]);
+  users_[id] = UserRecord{};
+  users_[id].active = true;
+  return id;
+}
+
+void UserSegmenter::remove_user(int32_t id) {
+  UserRecord& user = users_[id];
+  if (!user.active) return;
+  user.active = false;
+  for (int32_t i = 0; i < user.regionCount; ++i) {
+    if (owner_[user.regions[i]] == uint32_t(id)) owner_[user.regions[i]] = 0;
+  }
+  user.regionCount = 0;
+  if (freeCount_ < kMaxUsers) freeIds_[freeCount_++] = uint32_t(id);
+  for (PairEvent& event : pairs_) {
+    if (event.used && (event.first == id || event.second == id)) event = PairEvent{};
+  }
+  for (int32_t other = 1; other <= kMaxUsers; ++other) {
+    if (users_[other].pairPartner == id) users_[other].pairPartner = 0;
+  }
+}
+
+void UserSegmenter::give_region(int32_t id, int32_t region) {
+  if (owner_[region] == 0 && users_[id].append(region)) owner_[region] = uint32_t(id);
+}
+
+void UserSegmenter::gather_owned(int32_t id) {
+  UserRecord& user = users_[id];
+  user.box.reset();
+  user.area = 0;
+  user.pixelCount = 0;
+  double depthSum = 0;
+  for (int32_t i = 0; i < user.regionCount; ++i) {
+    const RegionStats& s = regions_[user.regions[i]];
+    if (!s.hasNear) continue;
+    user.box.add(s.minX, s.minY, s.minDepth);
+    user.box.add(s.maxX, s.maxY, s.maxDepth);
+    user.area += s.weight;
+    user.pixelCount += s.nearPixels;
+    depthSum += s.meanDepth * double(s.weight);
+  }
+  user.meanDepth = user.area > 0 ? depthSum / double(user.area) : 0.0;
+}
+
+bool UserSegmenter::consistent() const {
+  for (int32_t r = 1; r <= regionCount_; ++r) {
+    const uint32_t o = owner_[r];
+    if (o == 0) continue;
+    if (o > uint32_t(kMaxUsers) || !users_[o].active) return false;
+    const UserRecord& user = users_[o];
+    if (std::find(user.regions, user.regions + user.regionCount, int16_t(r)) == user.regions + user.regionCount) {
+      return false;
+    }
+  }
+  for (int32_t id = 1; id <= kMaxUsers; ++id) {
+    const UserRecord& user = users_[id];
+    if (!user.active && user.regionCount != 0) return false;
+    for (int32_t i = 0; i < user.regionCount; ++i) {
+      const int32_t r = user.regions[i];
+      if (r < 1 || r > regionCount_ || owner_[r] != uint32_t(id)) return false;
+      for (int32_t j = i + 1; j < user.regionCount; ++j) {
+        if (user.regions[j] == r) return false;
+      }
+    }
+  }
+  int32_t freeActive = 0;
+  for (int32_t i = 0; i < freeCount_; ++i) freeActive += users_[freeIds_[i]].active ? 1 : 0;
+  return freeActive == 0 && freeCount_ + active_user_count() == kMaxUsers;
 }
 
 }  // namespace quorvik::legacy

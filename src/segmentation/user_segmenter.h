@@ -1,12 +1,20 @@
 #pragma once
-// Users stage of the segmentation engine: cuts the near scene into regions, gives them user
-// ids that persist from frame to frame and writes the engine's label map (0 = nobody).
+// Users stage of the segmentation engine: cuts the near scene into connected regions, gives
+// them user ids that persist from frame to frame and writes the engine's label map (user id
+// 1 to 10 per pixel, 0 = nobody).
 //
-// For now the stage labels nobody: its label map stays 0, it hands nothing back and has no
-// active users. The two stage calls receive everything the full stage reads.
+// Identity rests on one rule: a region inherits the id of the previous frame's user under
+// whose pixels it lies, counted only where the depth has not changed. Everything else
+// (pairs of touching users, static parts handed back to the background, fragments, new
+// users, lost users) keeps three invariants: a region has at most one owner, an owner is an
+// active user, and a user's region list holds only regions it owns.
+//
+// All tables are fixed arrays inside the object; only the images (and the union-find table,
+// which is as long as the image) grow with the frame size.
 
 #include <cstdint>
 #include <span>
+#include <vector>
 
 #include "segmentation/background_model.h"
 #include "segmentation/candidate_detector.h"
@@ -22,20 +30,120 @@ struct HandedBackRegion {
   int32_t weight = 0;  // square millimetres
 };
 
+struct RegionStats {
+  int32_t pixels = 0;      // all pixels of the region
+  int32_t nearPixels = 0;  // pixels nearer than the labelling cut
+  int32_t minX = 0, minY = 0, maxX = 0, maxY = 0;  // box of the near pixels
+  int32_t minDepth = 0, maxDepth = 0;
+  int32_t farMinX = 0, farMinY = 0, farMaxX = 0, farMaxY = 0;
+  int64_t sumX = 0, sumY = 0, sumDepth = 0;
+  // Hundredths of square millimetres while the statistics are gathered, square millimetres
+  // after the carry-over.
+  int64_t weight = 0, foregroundWeight = 0, unchangedWeight = 0;
+  int64_t overlap[11] = {};  // with the previous frame's users 1 to 10, on unchanged pixels
+  double meanX = 0, meanY = 0, meanDepth = 0, worldX = 0;
+  bool hasNear = false, hasZero = false, mostlyUnchanged = false, mostlyForeground = false;
+  bool handedBack = false;
+  uint8_t handedBackBy = 0;
+  uint8_t fragment = 0;  // set when a user let go of it as a separate person-sized part
+
+  bool usable() const { return hasNear && !hasZero; }
+};
+
+struct UserPosition {
+  float x = 0, y = 0, z = 0;  // world millimetres of the centroid
+};
+
+struct UserRecord {
+  static constexpr int32_t kMaxRegions = 500;
+  static constexpr int32_t kHistory = 100;
+
+  bool active = false;
+  int16_t regions[kMaxRegions] = {};
+  int32_t regionCount = 0;
+  Box3D<int> box;    // owned regions this frame (x, y pixels; z millimetres)
+  int64_t area = 0;  // owned regions this frame, square millimetres
+  double meanDepth = 0;  // of the owned regions, weighted by area
+  int32_t pixelCount = 0;
+  int32_t age = 0;
+  int32_t lostCounter = 0;
+  bool probation = false;
+  int32_t pairPartner = 0;
+  bool secondOfPair = false;
+  UserPosition history[kHistory];
+  int32_t historyIndex = 0, historyCount = 0;
+  uint8_t pairFlags[11] = {};
+  int32_t bestRegion = 0;  // region with the largest overlap in the carry-over
+  // From the final label map of the previous stage 2.
+  Box3D<int> labelBox;
+  int32_t labelPixels = 0;
+  int64_t labelArea = 0;
+  int64_t previousArea = 0;
+  UserPosition position;  // latest centroid
+  Box3D<int> lastBox;     // label box of the latest frame in which it had pixels
+  double centroidColumn = 0;
+  int32_t worldHeight = 0;
+  int32_t maxWorldHeight = 0;
+  int32_t framesUnseen = 0;  // frames in a row without a single pixel
+  bool seen = false;         // position holds a real sighting
+  bool shapeFlag = false;    // static and too small to be a person
+
+  bool append(int32_t region) {
+    if (regionCount >= kMaxRegions) return false;
+    regions[regionCount++] = int16_t(region);
+    return true;
+  }
+  void clear_frame_state() {
+    regionCount = 0;
+    box.reset();
+    area = 0;
+    pixelCount = 0;
+    pairPartner = 0;
+    secondOfPair = false;
+    bestRegion = 0;
+  }
+};
+
+// Two users whose pixels joined into shared regions; their boundary is cut per pixel.
+struct PairEvent {
+  bool used = false;
+  int32_t first = 0, second = 0;
+  int32_t splitColumn = 0;
+  bool secondOnLeft = false;
+  int64_t recordedOverlap = 0;
+  int32_t frames = 0;
+  bool pairedThisFrame = false;
+};
+
+// A person-sized group of unowned foreground regions followed over a few frames before it
+// becomes a user.
+struct PendingPerson {
+  bool used = false;
+  bool matched = false;
+  float firstX = 0, firstZ = 0, x = 0, z = 0;
+  float moved = 0;
+  int32_t frames = 0;
+};
+
 class UserSegmenter {
  public:
   static constexpr int32_t kMaxUsers = 10;
   static constexpr int32_t kMaxRegions = 2000;
+  static constexpr int32_t kMaxRegionId = kMaxRegions - 1;
+  static constexpr int32_t kMaxPairs = kMaxUsers * (kMaxUsers - 1) / 2;
+  static constexpr int32_t kMaxPending = 16;
+  static constexpr int32_t kMaxGroupRegions = 256;
+  static constexpr int32_t kWeightTableSize = 10000;
 
   void start(int32_t width, int32_t height, const uint16_t* depthToShift, uint32_t depthToShiftLength,
              bool mirrored, const skeleton::SegCoordinateMapper<double>* mapper);
   // Stage 1: regions of the near scene and the ids they inherit. Reads the input stage's
   // rings and valid box, the floor mask where hasFloor, and the background model's
-  // foreground, background, resetThisFrame, badFrame, sceneChanging, changeDepth and
-  // framesSinceReset.
+  // foreground, resetThisFrame, badFrame, sceneChanging and changeDepth.
   void stage1(DepthFrameInput& input, const Array2D<uint8_t>& floorMask, bool hasFloor,
               const BackgroundModel& background);
-  // Stage 2: new users from the tracked candidates, user update and the final label map.
+  // Stage 2: new users (from the tracked candidates and from person-sized foreground), user
+  // update and the final label map.
   void stage2(DepthFrameInput& input, std::span<const TrackedCandidate> candidates,
               const BackgroundModel& background);
 
@@ -46,17 +154,110 @@ class UserSegmenter {
   std::span<const HandedBackRegion> regions_handed_back() const { return {handedBack_, size_t(handedBackCount_)}; }
   std::span<const Box3D<int>> active_user_boxes() const { return {userBoxes_, size_t(userBoxCount_)}; }
 
+  // Read access for the user analyzer and for tests.
+  const UserRecord& user(int32_t id) const { return users_[id]; }
+  bool is_active(int32_t id) const { return id >= 1 && id <= kMaxUsers && users_[id].active; }
+  int32_t active_user_count() const;
+  int32_t region_count() const { return regionCount_; }
+  const RegionStats& region(int32_t id) const { return regions_[id]; }
+  uint32_t region_owner(int32_t id) const { return owner_[id]; }
+  std::span<const uint32_t> free_ids() const { return {freeIds_, size_t(freeCount_)}; }
+  const Array2D<uint16_t>& labelling_depth() const { return labellingDepth_; }
+  // The invariants between regions, owners and user lists; for tests.
+  bool consistent() const;
+
  private:
+  // Stage 1 steps.
+  void build_labelling_images(DepthFrameInput& input, const Array2D<uint8_t>& floorMask, bool hasFloor,
+                              const BackgroundModel& background);
+  void label_regions();
+  void gather_region_statistics(const BackgroundModel& background, DepthFrameInput& input);
+  void carry_over_identity();
+  void pair_users();
+  void maintain_pair_events();
+  void check_against_background(const BackgroundModel& background);
+  void hand_back_static_regions();
+  void drop_fragments();
+  void rebuild_handed_back();
+  // Stage 2 steps.
+  void reacquire_lost_users();
+  void create_from_candidates(std::span<const TrackedCandidate> candidates);
+  void create_from_foreground();
+  void attach_unowned_regions();
+  void update_users();
+  void relabel();
+  void measure_users();
+  void check_shapes();
+
+  // Helpers.
+  int32_t create_user();
+  void remove_user(int32_t id);
+  void give_region(int32_t id, int32_t region);
+  void gather_owned(int32_t id);
+  int32_t group_unowned_regions(bool excludeNearUsers);
+  int32_t world_height(int32_t minY, int32_t maxY, double depth) const;
+  double pixel_size(double depth) const;
+  int32_t find_pair(int32_t a, int32_t b) const;
+  bool in_pair(int32_t id) const;
+
   int32_t width_ = 0, height_ = 0, pixelCount_ = 0;
+  uint32_t scale_ = 0;
   const uint16_t* depthToShift_ = nullptr;
   uint32_t depthToShiftLength_ = 0;
   bool mirrored_ = false;
   const skeleton::SegCoordinateMapper<double>* mapper_ = nullptr;
+
+  Array2D<uint16_t> labellingDepth_{0, 0, true};
+  Array2D<uint16_t> labellingShift_{0, 0, true};
+  Array2D<uint8_t> unchanged_;
+  Array2D<uint8_t> unchangedNear_;
+  Array2D<uint32_t> provisional_;
   ImageRing<uint16_t, 2> labelRing_;
+  std::vector<uint32_t> parent_;      // union-find over provisional labels
+  std::vector<uint32_t> finalLabel_;  // provisional label -> region id
+
+  int32_t weight_[kWeightTableSize] = {};
+  int32_t regionCount_ = 0;
+  RegionStats regions_[kMaxRegions];
+  uint32_t owner_[kMaxRegions] = {};
+  int64_t overlapTotals_[kMaxUsers + 1][kMaxUsers + 1] = {};
+  int8_t cutEvent_[kMaxRegions] = {};
+  ValidBox box_;  // valid box of the frame, clamped to the image; empty when left > right
+  UserRecord users_[kMaxUsers + 1];
+  PairEvent pairs_[kMaxPairs];
+  uint32_t freeIds_[kMaxUsers] = {};
+  int32_t freeCount_ = 0;
   HandedBackRegion handedBack_[kMaxRegions];
   int32_t handedBackCount_ = 0;
   Box3D<int> userBoxes_[kMaxUsers];
   int32_t userBoxCount_ = 0;
+  bool badFrame_ = false;
+  bool searchAllowed_ = false;
+  uint64_t frame_ = 0;
+
+  // Grouping of unowned regions for the new-user paths.
+  struct Group {
+    int32_t first = 0, count = 0;
+    int64_t area = 0;
+    int32_t minX = 0, minY = 0, maxX = 0, maxY = 0, minDepth = 0, maxDepth = 0;
+    double meanDepth = 0, worldX = 0;
+    int32_t height = 0, width = 0;
+  };
+  int32_t groupRegion_[kMaxGroupRegions] = {};
+  int32_t groupParent_[kMaxGroupRegions] = {};
+  int32_t groupMembers_[kMaxGroupRegions] = {};
+  Group groups_[kMaxGroupRegions];
+  int32_t groupCount_ = 0;
+  PendingPerson pending_[kMaxPending];
+
+  // Pixels of each user in the final label map.
+  struct LabelSums {
+    int32_t pixels = 0;
+    int32_t minX = INT32_MAX, minY = INT32_MAX, minZ = INT32_MAX;
+    int32_t maxX = INT32_MIN, maxY = INT32_MIN, maxZ = INT32_MIN;
+    int64_t x = 0, y = 0, z = 0, weight = 0;
+  };
+  LabelSums labelSums_[kMaxUsers + 1];
 };
 
 }  // namespace quorvik::legacy

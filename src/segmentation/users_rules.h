@@ -1,0 +1,98 @@
+#pragma once
+// Thresholds of the users stage, in one place.
+//
+// How new users are found (stage 2, only while the background is not in a scene change, at
+// least 30 frames after its last rebuild, and never on a bad frame). The paths run in this
+// order and each one takes only regions that have no owner and were not handed back:
+//
+//  1. Lost users come back. A user that owns less than 1500 mm2 (it walked behind someone
+//     or something, or moved too fast for the overlap rule) takes the nearest group (grouped
+//     as in 3 below) of at least 20,000 mm2 whose centroid is within 500 mm in depth of
+//     where the user was last seen and, sideways, within 1000 mm plus 50 mm for
+//     every frame it has been unseen (up to 60 frames). A user whose last pixels touched the
+//     left or right side of the image walked out of view instead: it takes only a group that
+//     touches the same side. A person hidden by a pillar or by someone crossing in front
+//     keeps their id instead of coming back under a new one.
+//  2. Confirmed person candidates that no user covers gather the unowned regions inside
+//     their box (the candidate-driven creation). The gathered regions must also be at least
+//     1000 mm tall: a chair pushed across the room is tall enough and moves enough to be
+//     confirmed as a candidate, but is no person.
+//  3. Person-sized foreground. Unowned, mostly-foreground regions of at least 500 mm2 are
+//     grouped unless a present user would take them in (centroid within 2 pixels of its box,
+//     mean depth within 200 mm of its mean depth: a part of that user). The others are
+//     grouped when their boxes come within 2 pixels and their depth ranges within 200 mm.
+//     (Someone walking out from behind a user is 200 mm or more behind the user's mean
+//     depth, so their pixels are not mistaken for the user's own.)
+//     A group looks like a person when its area is between 100,000 and 1,500,000 mm2, it is
+//     1000 to 2600 mm tall and at most 1500 mm wide. Such a group is followed from frame to
+//     frame (matched within 500 mm on the ground); once it has been seen in 4 frames in a
+//     row and its centroid has moved at least 100 mm from where it was first seen, it
+//     becomes a user. Furniture that has been put down does not move; a low object (chair,
+//     box, table) is not tall enough. Regions that a user let go of as a separate
+//     person-sized part (see the fragments) may be grouped even inside that user's box.
+//
+// Unowned regions are then attached to a present user when their box lies within the user's
+// box (one pixel of tolerance) and their mean depth is within 200 mm of the user's mean
+// depth; the nearest user in depth wins.
+//
+// Shapes: a user younger than 30 frames whose box is under 800 mm tall or whose area is under
+// 40,000 mm2 (or that is the second of a pair) goes on probation; one older than 30 frames
+// whose pixels are under 500 mm tall carries the static-blob flag, which lets the hand-back
+// release its static regions.
+
+#include <cstdint>
+
+namespace quorvik::legacy::users_rules {
+
+// Labelling images.
+inline constexpr int32_t kFarCut = 4500;       // mm; pixels at or beyond never carry an id
+inline constexpr uint16_t kPushDepth = 5000;   // static pixels of nobody are pushed this far
+inline constexpr uint16_t kPushShift = 1500;
+inline constexpr uint16_t kZeroDepth = 10000;  // stand-ins for pixels without a measurement
+inline constexpr uint16_t kZeroShift = 3000;
+inline constexpr int32_t kJoinDepth = 50;  // neighbours join within 50 mm or 2 shift steps
+inline constexpr int32_t kJoinShift = 2;
+inline constexpr int32_t kUnchangedMm = 100;
+
+// Pairs and checks.
+inline constexpr int64_t kPairOverlap = 100001;        // mm2
+inline constexpr int64_t kSmallStaticRegion = 5000;    // mm2
+inline constexpr int64_t kHandBackForeground = 50001;  // mm2
+inline constexpr int64_t kPairedAreaLimit = 2000000;   // mm2
+inline constexpr int64_t kAreaLimit = 1500000;         // mm2
+inline constexpr int64_t kLostArea = 1500;             // mm2
+inline constexpr int32_t kLostFrames = 301;
+inline constexpr int32_t kProbationAge = 30;
+inline constexpr int32_t kProbationEnd = 61;
+
+// Shapes.
+inline constexpr int64_t kPersonArea = 100000;        // mm2
+inline constexpr int64_t kPersonMaxArea = 1500000;    // mm2
+inline constexpr int32_t kPersonHeight = 1000;        // mm
+inline constexpr int32_t kPersonMaxHeight = 2600;     // mm
+inline constexpr int32_t kPersonMaxWidth = 1500;      // mm
+inline constexpr int32_t kFragmentMainHeight = 800;   // mm
+inline constexpr double kFragmentGap = 100;           // mm
+inline constexpr int32_t kDoubtfulHeight = 800;       // mm; a young user this short is on probation
+inline constexpr int64_t kDoubtfulArea = 40000;       // mm2
+inline constexpr int32_t kStaticBlobHeight = 500;     // mm; an older user this short is flagged
+
+// New-user search.
+inline constexpr int64_t kRegionMinArea = 500;        // mm2
+inline constexpr int32_t kGroupTouch = 2;             // pixels
+inline constexpr int32_t kGroupDepthGap = 200;        // mm
+inline constexpr int32_t kNearUserColumns = 2;        // pixels around a present user's box
+inline constexpr double kNearUserDepth = 200;         // mm from the user's mean depth
+inline constexpr float kPendingMatch = 500;           // mm
+inline constexpr int32_t kPendingFrames = 4;
+inline constexpr float kPendingMoved = 100;           // mm
+inline constexpr int64_t kReacquireArea = 20000;      // mm2
+inline constexpr double kReacquireDepth = 500;        // mm
+inline constexpr double kReacquireSide = 1000;        // mm, plus 50 mm per frame unseen
+inline constexpr double kReacquireSidePerFrame = 50;  // mm
+inline constexpr int32_t kReacquireFrames = 60;       // the side range stops growing here
+inline constexpr int32_t kBorderColumns = 1;          // a box this close to the side touches it
+inline constexpr int64_t kCandidateArea = 100000;     // mm2
+inline constexpr double kAttachDepth = 200;           // mm from the user's mean depth
+
+}  // namespace quorvik::legacy::users_rules

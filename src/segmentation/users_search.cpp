@@ -1,0 +1,411 @@
+// Stage 2 of the users stage: new users, attachment, user update and the final label map.
+
+#include <algorithm>
+#include <cmath>
+
+#include "segmentation/user_segmenter.h"
+#include "segmentation/users_rules.h"
+
+namespace quorvik::legacy {
+
+using namespace users_rules;
+
+void UserSegmenter::stage2(DepthFrameInput&, std::span<const TrackedCandidate> candidates,
+                           const BackgroundModel& background) {
+  for (int32_t id = 1; id <= kMaxUsers; ++id) {
+    if (users_[id].active) gather_owned(id);
+  }
+  searchAllowed_ = !background.sceneChanging && background.framesSinceReset >= 30 && !badFrame_;
+  if (searchAllowed_) {
+    reacquire_lost_users();
+    create_from_candidates(candidates);
+    create_from_foreground();
+  }
+  attach_unowned_regions();
+  update_users();
+  relabel();
+  measure_users();
+  check_shapes();
+}
+
+// Groups the unowned, mostly-foreground regions into groups_ (see users_rules.h).
+int32_t UserSegmenter::group_unowned_regions(bool excludeNearUsers) {
+  int32_t n = 0;
+  for (int32_t r = 1; r <= regionCount_ && n < kMaxGroupRegions; ++r) {
+    const RegionStats& s = regions_[r];
+    if (owner_[r] != 0 || !s.usable() || s.handedBack || !s.mostlyForeground || s.weight < kRegionMinArea) continue;
+    bool nearUser = false;
+    for (int32_t id = 1; id <= kMaxUsers && excludeNearUsers && s.fragment == 0 && !nearUser; ++id) {
+      const UserRecord& user = users_[id];
+      if (!user.active || user.box.empty()) continue;
+      const Box3D<int>& b = user.box;
+      nearUser = s.meanX >= b.minX - kNearUserColumns && s.meanX <= b.maxX + kNearUserColumns &&
+                 s.meanY >= b.minY - kNearUserColumns && s.meanY <= b.maxY + kNearUserColumns &&
+                 std::abs(s.meanDepth - user.meanDepth) <= kNearUserDepth;
+    }
+    if (nearUser) continue;
+    groupRegion_[n] = r;
+    groupParent_[n] = n;
+    ++n;
+  }
+  auto root = [&](int32_t i) {
+    while (groupParent_[i] != i) i = groupParent_[i] = groupParent_[groupParent_[i]];
+    return i;
+  };
+  for (int32_t i = 0; i < n; ++i) {
+    const RegionStats& a = regions_[groupRegion_[i]];
+    for (int32_t j = i + 1; j < n; ++j) {
+      const RegionStats& b = regions_[groupRegion_[j]];
+      if (a.minX > b.maxX + kGroupTouch || b.minX > a.maxX + kGroupTouch || a.minY > b.maxY + kGroupTouch ||
+          b.minY > a.maxY + kGroupTouch || a.minDepth > b.maxDepth + kGroupDepthGap ||
+          b.minDepth > a.maxDepth + kGroupDepthGap) {
+        continue;
+      }
+      const int32_t ra = root(i), rb = root(j);
+      if (ra != rb) groupParent_[std::max(ra, rb)] = std::min(ra, rb);
+    }
+  }
+  // Members of each group are listed contiguously in groupMembers_.
+  int32_t groupOf[kMaxGroupRegions];
+  groupCount_ = 0;
+  for (int32_t i = 0; i < n; ++i) {
+    if (root(i) == i) {
+      groupOf[i] = groupCount_;
+      Group& g = groups_[groupCount_++];
+      g = Group{};
+      g.minX = g.minY = g.minDepth = INT32_MAX;
+      g.maxX = g.maxY = g.maxDepth = INT32_MIN;
+    }
+  }
+  for (int32_t i = 0; i < n; ++i) groups_[groupOf[root(i)]].count++;
+  int32_t offset = 0;
+  for (int32_t g = 0; g < groupCount_; ++g) {
+    groups_[g].first = offset;
+    offset += groups_[g].count;
+    groups_[g].count = 0;
+  }
+  for (int32_t i = 0; i < n; ++i) {
+    Group& g = groups_[groupOf[root(i)]];
+    const RegionStats& s = regions_[groupRegion_[i]];
+    groupMembers_[g.first + g.count++] = groupRegion_[i];
+    g.area += s.weight;
+    g.minX = std::min(g.minX, s.minX), g.maxX = std::max(g.maxX, s.maxX);
+    g.minY = std::min(g.minY, s.minY), g.maxY = std::max(g.maxY, s.maxY);
+    g.minDepth = std::min(g.minDepth, s.minDepth), g.maxDepth = std::max(g.maxDepth, s.maxDepth);
+    g.meanDepth += s.meanDepth * double(s.weight);
+    g.worldX += s.worldX * double(s.weight);
+  }
+  for (int32_t gi = 0; gi < groupCount_; ++gi) {
+    Group& g = groups_[gi];
+    if (g.area > 0) {
+      g.meanDepth /= double(g.area);
+      g.worldX /= double(g.area);
+    }
+    g.height = world_height(g.minY, g.maxY, g.meanDepth);
+    g.width = int32_t(double(g.maxX - g.minX + 1) * pixel_size(g.meanDepth));
+  }
+  return groupCount_;
+}
+
+void UserSegmenter::reacquire_lost_users() {
+  bool anyLost = false;
+  for (int32_t id = 1; id <= kMaxUsers; ++id) {
+    const UserRecord& u = users_[id];
+    anyLost = anyLost || (u.active && u.area < kLostArea && !u.secondOfPair && u.seen);
+  }
+  if (!anyLost) return;
+  group_unowned_regions(true);
+  bool taken[kMaxUsers + 1] = {};
+  for (int32_t gi = 0; gi < groupCount_; ++gi) {
+    const Group& g = groups_[gi];
+    if (g.area < kReacquireArea) continue;
+    int32_t best = 0;
+    double bestDistance = 0;
+    const bool groupLeft = g.minX <= kBorderColumns, groupRight = g.maxX >= width_ - 1 - kBorderColumns;
+    for (int32_t id = 1; id <= kMaxUsers; ++id) {
+      const UserRecord& u = users_[id];
+      if (!u.active || u.area >= kLostArea || u.secondOfPair || !u.seen || taken[id]) continue;
+      const double dz = g.meanDepth - u.position.z, dx = g.worldX - u.position.x;
+      if (std::abs(dz) > kReacquireDepth) continue;
+      // A user last seen at the side of the image walked out of view: only someone coming
+      // back in on that side takes the id. One lost in the middle was hidden by something
+      // in front and may come out on the other side of it, farther the longer it was gone.
+      const bool leftView = u.lastBox.minX <= kBorderColumns, rightView = u.lastBox.maxX >= width_ - 1 - kBorderColumns;
+      if (leftView || rightView) {
+        if (!((leftView && groupLeft) || (rightView && groupRight))) continue;
+      } else {
+        const double side = kReacquireSide + kReacquireSidePerFrame * std::min(u.framesUnseen, kReacquireFrames);
+        if (std::abs(dx) > side) continue;
+      }
+      const double distance = dx * dx + dz * dz;
+      if (best == 0 || distance < bestDistance) best = id, bestDistance = distance;
+    }
+    if (best == 0) continue;
+    taken[best] = true;
+    for (int32_t i = 0; i < g.count; ++i) give_region(best, groupMembers_[g.first + i]);
+    gather_owned(best);
+  }
+}
+
+void UserSegmenter::create_from_candidates(std::span<const TrackedCandidate> candidates) {
+  if (mapper_ == nullptr) return;
+  int16_t gathered[UserRecord::kMaxRegions];
+  for (const TrackedCandidate& c : candidates) {
+    if (freeCount_ == 0) return;
+    if (!c.confirmed) continue;
+    const Box3D<int> b = c.box();
+    if (b.empty()) continue;
+
+    // Covered by the users that exist already?
+    const int64_t boxPixels = int64_t(b.maxX - b.minX + 1) * int64_t(b.maxY - b.minY + 1);
+    int64_t overlapPixels = 0, insideArea = 0;
+    for (int32_t id = 1; id <= kMaxUsers; ++id) {
+      const UserRecord& u = users_[id];
+      if (!u.active) continue;
+      for (int32_t i = 0; i < u.regionCount; ++i) {
+        const RegionStats& s = regions_[u.regions[i]];
+        const int64_t ix = int64_t(std::min(b.maxX, s.maxX)) - std::max(b.minX, s.minX) + 1;
+        const int64_t iy = int64_t(std::min(b.maxY, s.maxY)) - std::max(b.minY, s.minY) + 1;
+        if (ix > 0 && iy > 0) overlapPixels += ix * iy;
+        if (s.meanX > b.minX && s.meanX < b.maxX && s.meanY > b.minY && s.meanY < b.maxY && s.meanDepth > b.minZ &&
+            s.meanDepth < b.maxZ) {
+          insideArea += s.weight;
+        }
+      }
+    }
+    if (2 * overlapPixels > boxPixels || insideArea > kCandidateArea) continue;
+
+    const uint32_t z1 = uint32_t(std::max(b.maxZ, 0));
+    const int32_t m = int32_t(mapper_->inverse_pixel_size_at(z1) * 1000.0);
+    const int32_t half = m / 2;
+    const int64_t cap = int64_t(mapper_->pixel_area_at(z1)) * (b.maxY - b.minY) * (b.maxX - b.minX) * 3 / 2;
+    int64_t area = 0;
+    int32_t count = 0, minY = INT32_MAX, maxY = INT32_MIN;
+    double depthSum = 0;
+    for (int32_t r = 1; r <= regionCount_ && count < UserRecord::kMaxRegions; ++r) {
+      const RegionStats& s = regions_[r];
+      if (owner_[r] != 0 || s.handedBack || !s.usable()) continue;
+      if (!(s.meanX > b.minX && s.meanX < b.maxX && s.meanY > b.minY && s.meanY < b.maxY && s.meanDepth > b.minZ &&
+            s.meanDepth < b.maxZ)) {
+        continue;
+      }
+      if (s.minX < b.minX - m || s.maxX > b.maxX + m || s.minY < b.minY - half || s.maxY > b.maxY + half ||
+          s.minDepth < b.minZ - 1000 || s.maxDepth > b.maxZ + 500) {
+        continue;
+      }
+      if (area + s.weight >= cap) continue;
+      area += s.weight;
+      gathered[count++] = int16_t(r);
+      minY = std::min(minY, s.minY), maxY = std::max(maxY, s.maxY);
+      depthSum += s.meanDepth * double(s.weight);
+    }
+    if (area < kCandidateArea || world_height(minY, maxY, depthSum / double(area)) < kPersonHeight) continue;
+    const int32_t id = create_user();
+    UserRecord& user = users_[id];
+    // The candidate's track, oldest first, becomes the start of the user's history.
+    const int32_t length = c.wrapped ? TrackedCandidate::kHistory : c.next;
+    const int32_t oldest = c.wrapped ? c.next : 0;
+    for (int32_t i = 0; i < length; ++i) {
+      const CandidateSnapshot& snapshot = c.history[(oldest + i) % TrackedCandidate::kHistory];
+      user.history[user.historyIndex] = {float(snapshot.medianX), 0.f, float(snapshot.medianDepth)};
+      user.historyIndex = (user.historyIndex + 1) % UserRecord::kHistory;
+      user.historyCount = std::min(user.historyCount + 1, UserRecord::kHistory);
+    }
+    for (int32_t i = 0; i < count; ++i) give_region(id, gathered[i]);
+    gather_owned(id);
+  }
+}
+
+void UserSegmenter::create_from_foreground() {
+  for (PendingPerson& p : pending_) p.matched = false;
+  group_unowned_regions(true);
+  for (int32_t gi = 0; gi < groupCount_; ++gi) {
+    const Group& g = groups_[gi];
+    const bool personLike = g.area >= kPersonArea && g.area <= kPersonMaxArea && g.height >= kPersonHeight &&
+                            g.height <= kPersonMaxHeight && g.width <= kPersonMaxWidth;
+    if (!personLike) continue;
+    const float x = float(g.worldX), z = float(g.meanDepth);
+    PendingPerson* match = nullptr;
+    float best = kPendingMatch;
+    for (PendingPerson& p : pending_) {
+      if (!p.used || p.matched) continue;
+      const float d = std::hypot(p.x - x, p.z - z);
+      if (d <= best) best = d, match = &p;
+    }
+    if (match == nullptr) {
+      for (PendingPerson& p : pending_) {
+        if (p.used) continue;
+        p = PendingPerson{};
+        p.used = true;
+        p.firstX = x, p.firstZ = z;
+        match = &p;
+        break;
+      }
+    }
+    if (match == nullptr) continue;
+    match->matched = true;
+    match->x = x, match->z = z;
+    match->moved = std::max(match->moved, std::hypot(x - match->firstX, z - match->firstZ));
+    ++match->frames;
+    if (match->frames < kPendingFrames || match->moved < kPendingMoved) continue;
+    const int32_t id = create_user();
+    if (id == 0) break;
+    for (int32_t i = 0; i < g.count; ++i) give_region(id, groupMembers_[g.first + i]);
+    gather_owned(id);
+    *match = PendingPerson{};
+  }
+  for (PendingPerson& p : pending_) {
+    if (p.used && !p.matched) p = PendingPerson{};
+  }
+}
+
+void UserSegmenter::attach_unowned_regions() {
+  Box3D<int> boxes[kMaxUsers + 1];
+  double depths[kMaxUsers + 1] = {};
+  for (int32_t id = 1; id <= kMaxUsers; ++id) {
+    if (users_[id].active) boxes[id] = users_[id].box, depths[id] = users_[id].meanDepth;
+  }
+  for (int32_t r = 1; r <= regionCount_; ++r) {
+    const RegionStats& s = regions_[r];
+    if (owner_[r] != 0 || !s.usable() || s.handedBack) continue;
+    int32_t best = 0;
+    double bestDistance = 0;
+    for (int32_t id = 1; id <= kMaxUsers; ++id) {
+      const Box3D<int>& b = boxes[id];
+      if (!users_[id].active || b.empty()) continue;
+      if (s.minX < b.minX - 1 || s.maxX > b.maxX + 1 || s.minY < b.minY - 1 || s.maxY > b.maxY + 1) continue;
+      const double distance = std::abs(s.meanDepth - depths[id]);
+      if (distance > kAttachDepth) continue;
+      if (best == 0 || distance < bestDistance) best = id, bestDistance = distance;
+    }
+    if (best != 0) give_region(best, r);
+  }
+}
+
+void UserSegmenter::update_users() {
+  for (int32_t id = 1; id <= kMaxUsers; ++id) {
+    UserRecord& user = users_[id];
+    if (!user.active) continue;
+    gather_owned(id);
+    const int64_t limit = user.pairPartner != 0 ? kPairedAreaLimit : kAreaLimit;
+    if (user.area > limit) {
+      remove_user(id);
+      continue;
+    }
+    if (user.probation && (user.box.empty() || user.secondOfPair)) {
+      remove_user(id);
+      continue;
+    }
+    ++user.age;
+    const double depth = user.box.empty() ? 0.0 : 0.5 * (user.box.minZ + user.box.maxZ);
+    const bool doubtful = user.box.empty() || world_height(user.box.minY, user.box.maxY, depth) < kDoubtfulHeight ||
+                          user.area < kDoubtfulArea;
+    if (user.age < kProbationAge && (doubtful || user.secondOfPair)) user.probation = true;
+    if (user.age >= kProbationEnd) user.probation = false;
+    user.lostCounter = (user.area < kLostArea && !user.secondOfPair) ? user.lostCounter + 1 : 0;
+    if (user.lostCounter >= kLostFrames) remove_user(id);
+  }
+}
+
+// Relabelling, with the pair boundaries cut and the users' pixels measured in the same pass.
+// Inside a region that the first user of a pair owns and that covers pixels of the second
+// user's previous frame, a pixel goes to the second user when the second user had it
+// before, or when neither of the two had it and it lies on the second user's side of the
+// split column.
+void UserSegmenter::relabel() {
+  for (int32_t r = 1; r <= regionCount_; ++r) {
+    if (owner_[r] != 0 && !users_[owner_[r]].active) owner_[r] = 0;
+    cutEvent_[r] = -1;
+  }
+  for (int32_t e = 0; e < kMaxPairs; ++e) {
+    const PairEvent& event = pairs_[e];
+    if (!event.used || !users_[event.first].active || !users_[event.second].active) continue;
+    const UserRecord& first = users_[event.first];
+    for (int32_t i = 0; i < first.regionCount; ++i) {
+      const int32_t r = first.regions[i];
+      if (regions_[r].overlap[event.second] > 0) cutEvent_[r] = int8_t(e);
+    }
+  }
+  for (LabelSums& m : labelSums_) m = LabelSums{};
+  Array2D<uint16_t>& labels = labelRing_.current();
+  const Array2D<uint16_t>& previous = labelRing_.back(1);
+  for (int32_t y = 0; y < labels.height(); ++y) {
+    uint16_t* l = labels.row(y);
+    const uint16_t* p = previous.row(y);
+    const uint16_t* d = labellingDepth_.row(y);
+    for (int32_t x = 0; x < labels.width(); ++x) {
+      const int32_t r = l[x];
+      if (r == 0) continue;
+      if (r > regionCount_) {
+        l[x] = 0;
+        continue;
+      }
+      uint32_t o = owner_[r];
+      if (o != 0 && cutEvent_[r] >= 0) {
+        const PairEvent& event = pairs_[cutEvent_[r]];
+        if (p[x] == event.second) {
+          o = uint32_t(event.second);
+        } else if (p[x] != event.first && (x < event.splitColumn) == event.secondOnLeft) {
+          o = uint32_t(event.second);
+        }
+      }
+      l[x] = uint16_t(o);
+      if (o != 0 && d[x] < kPushDepth) {
+        LabelSums& m = labelSums_[o];
+        const int32_t z = d[x];
+        ++m.pixels;
+        m.minX = std::min(m.minX, x), m.maxX = std::max(m.maxX, x);
+        m.minY = std::min(m.minY, y), m.maxY = std::max(m.maxY, y);
+        m.minZ = std::min(m.minZ, z), m.maxZ = std::max(m.maxZ, z);
+        m.x += x, m.y += y, m.z += z;
+        m.weight += weight_[z];
+      }
+    }
+  }
+}
+
+void UserSegmenter::measure_users() {
+  userBoxCount_ = 0;
+  for (int32_t id = 1; id <= kMaxUsers; ++id) {
+    UserRecord& user = users_[id];
+    if (!user.active) continue;
+    const LabelSums& s = labelSums_[id];
+    user.previousArea = user.labelArea;
+    user.labelPixels = s.pixels;
+    user.labelArea = s.weight / 100;
+    user.labelBox.reset();
+    if (s.pixels == 0) {
+      ++user.framesUnseen;
+      continue;
+    }
+    user.labelBox.add(s.minX, s.minY, s.minZ);
+    user.labelBox.add(s.maxX, s.maxY, s.maxZ);
+    user.lastBox = user.labelBox;
+    userBoxes_[userBoxCount_++] = user.labelBox;
+    const double n = double(s.pixels);
+    const double mx = double(s.x) / n, my = double(s.y) / n, mz = double(s.z) / n;
+    const double size = pixel_size(mz);
+    const double cx = mapper_ != nullptr ? mapper_->centerX : 0.0, cy = mapper_ != nullptr ? mapper_->centerY : 0.0;
+    user.position = {float((mx - cx) * size), float((cy - my) * size), float(mz)};
+    user.centroidColumn = mx;
+    user.history[user.historyIndex] = user.position;
+    user.historyIndex = (user.historyIndex + 1) % UserRecord::kHistory;
+    user.historyCount = std::min(user.historyCount + 1, UserRecord::kHistory);
+    user.worldHeight = world_height(s.minY, s.maxY, mz);
+    user.maxWorldHeight = std::max(user.maxWorldHeight, user.worldHeight);
+    user.framesUnseen = 0;
+    user.seen = true;
+  }
+}
+
+// An older user that has shrunk to a small low blob is flagged; the hand-back of static
+// regions then lets its static parts go back to the background.
+void UserSegmenter::check_shapes() {
+  for (int32_t id = 1; id <= kMaxUsers; ++id) {
+    UserRecord& user = users_[id];
+    if (!user.active) continue;
+    user.shapeFlag = user.age > kProbationAge && user.labelPixels > 0 && user.worldHeight < kStaticBlobHeight;
+  }
+}
+
+}  // namespace quorvik::legacy

@@ -1,0 +1,566 @@
+// The users stage inside the whole segmentation engine, driven by rendered rooms.
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <random>
+#include <set>
+
+#include "support/person_scene.h"
+
+using person_scene::PersonScene;
+using person_scene::SceneEngine;
+
+namespace {
+
+constexpr float kStep = 30.f;  // mm per frame: about 0.9 m/s
+
+PersonScene room() {
+  PersonScene scene;
+  scene.floor().wall(4000.f);
+  return scene;
+}
+
+// Checks that hold on every frame: ids only where something near and off the floor is, the
+// region tables consistent, ids of active users only.
+void check_frame(SceneEngine& run, const std::vector<uint16_t>& depth) {
+  const auto& users = run.users();
+  ASSERT_TRUE(users.consistent());
+  const auto floor = run.engine().floor_output();
+  const auto labels = run.engine().label_output();
+  for (size_t i = 0; i < depth.size(); ++i) {
+    const uint16_t id = labels.data[i];
+    if (id == 0) continue;
+    ASSERT_LE(id, 10);
+    ASSERT_TRUE(users.is_active(id));
+    ASSERT_NE(depth[i], 0);
+    ASSERT_LT(depth[i], 4500);
+    if (floor.detected != 0) {
+      ASSERT_EQ(floor.mask[i], 0) << "floor pixel " << i << " carries id " << id;
+    }
+  }
+}
+
+// Share of the person's pixels that carry the id, and share of the id's pixels on the person.
+void coverage(const SceneEngine& run, const PersonScene& scene, int person, uint16_t id, double& recall,
+              double& precision) {
+  const std::vector<uint8_t> mask = scene.mask_of(person);
+  int both = 0, onPerson = 0, withId = 0;
+  for (int y = 0; y < scene.height(); ++y) {
+    for (int x = 0; x < scene.width(); ++x) {
+      const bool m = mask[size_t(y * scene.width() + x)] != 0;
+      const bool l = run.label(x, y) == id;
+      both += m && l;
+      onPerson += m;
+      withId += l;
+    }
+  }
+  recall = onPerson > 0 ? double(both) / onPerson : 0;
+  precision = withId > 0 ? double(both) / withId : 0;
+}
+
+uint16_t id_of(const SceneEngine& run, const PersonScene& scene, int person) {
+  int x0, y0, x1, y1;
+  if (!scene.person_rect(person, x0, y0, x1, y1)) return 0;
+  const std::vector<uint8_t> mask = scene.mask_of(person);
+  int counts[11] = {};
+  for (int y = y0; y <= y1; ++y) {
+    for (int x = x0; x <= x1; ++x) {
+      const uint16_t id = run.label(x, y);
+      if (mask[size_t(y * scene.width() + x)] != 0 && id >= 1 && id <= 10) ++counts[id];
+    }
+  }
+  int best = 0;
+  for (int id = 1; id <= 10; ++id) {
+    if (counts[id] > counts[best]) best = id;
+  }
+  return uint16_t(best);
+}
+
+// Walks a person from startX to endX at depth z, one step per frame, checking every frame.
+// Returns the frame (counted from the start of the walk) in which the person was first fully
+// visible, or -1.
+int walk(SceneEngine& run, PersonScene& scene, int person, float endX, float z, int& firstIdFrame,
+         uint16_t& id) {
+  int present = 0;
+  for (size_t i = 0; i < scene.people_count(); ++i) present += scene.person(int(i)).visible ? 1 : 0;
+  int fullFrame = -1;
+  firstIdFrame = -1;
+  const float direction = endX > scene.person(person).x ? 1.f : -1.f;
+  for (int f = 0; direction * (endX - scene.person(person).x) > 0; ++f) {
+    scene.walk_to(person, scene.person(person).x + direction * kStep, z);
+    const std::vector<uint16_t> depth = scene.render();
+    run.feed(depth);
+    SCOPED_TRACE(testing::Message() << "frame " << f << " x " << scene.person(person).x);
+    check_frame(run, depth);
+    // One person never splits into two ids.
+    EXPECT_LE(run.users().active_user_count(), present);
+    if (fullFrame < 0 && scene.fully_visible(person)) fullFrame = f;
+    const uint16_t now = id_of(run, scene, person);
+    if (firstIdFrame < 0 && now != 0) {
+      firstIdFrame = f;
+      id = now;
+    }
+    if (firstIdFrame >= 0 && fullFrame >= 0) {
+      EXPECT_EQ(now, id) << "the id changed";
+    }
+  }
+  return fullFrame;
+}
+
+}  // namespace
+
+TEST(Users, LabelMapIsEmptyAfterStartAndInAnEmptyRoom) {
+  PersonScene scene = room();
+  SceneEngine run;
+  const std::vector<uint16_t> depth = scene.render();
+  run.feed(depth);
+  EXPECT_EQ(run.count(0), scene.width() * scene.height());
+  run.feed(depth, 60);
+  EXPECT_EQ(run.count(0), scene.width() * scene.height());
+  EXPECT_EQ(run.users().active_user_count(), 0);
+  check_frame(run, depth);
+}
+
+TEST(Users, PersonWalkingInGetsIdOneWithinThirtyFramesOfBeingFullyVisible) {
+  PersonScene scene = room();
+  const int p = scene.add_person(-2500.f, 2800.f);
+  SceneEngine run;
+  run.feed(scene.render(), 40);
+  int firstId = -1;
+  uint16_t id = 0;
+  const int full = walk(run, scene, p, 600.f, 2800.f, firstId, id);
+  ASSERT_GE(full, 0);
+  ASSERT_GE(firstId, 0);
+  EXPECT_LE(firstId, full + 30);
+  EXPECT_EQ(id, 1);
+  EXPECT_EQ(run.users().active_user_count(), 1);
+  double recall = 0, precision = 0;
+  coverage(run, scene, p, id, recall, precision);
+  EXPECT_GT(recall, 0.8);
+  EXPECT_GT(precision, 0.9);
+  // Standing still afterwards keeps the id.
+  const std::vector<uint16_t> still = scene.render();
+  for (int f = 0; f < 60; ++f) {
+    run.feed(still);
+    SCOPED_TRACE(f);
+    check_frame(run, still);
+    ASSERT_EQ(id_of(run, scene, p), id);
+  }
+}
+
+TEST(Users, TwoPeopleApartGetTwoIdsAndKeepThemThroughACrossing) {
+  // The one behind walks 800 mm or only 400 mm behind the one in front.
+  for (float gap : {800.f, 400.f}) {
+    SCOPED_TRACE(testing::Message() << "depth gap " << gap);
+    const float front = 2500.f, back = front + gap;
+    PersonScene scene = room();
+    const int a = scene.add_person(-2500.f, front);
+    const int b = scene.add_person(2800.f, back);
+    scene.person(b).visible = false;
+    SceneEngine run;
+    run.feed(scene.render(), 40);
+    int firstA = -1, firstB = -1;
+    uint16_t idA = 0, idB = 0;
+    walk(run, scene, a, -700.f, front, firstA, idA);
+    scene.person(b).visible = true;
+    walk(run, scene, b, 700.f, back, firstB, idB);
+    ASSERT_EQ(idA, 1);
+    ASSERT_EQ(idB, 2);
+    ASSERT_EQ(id_of(run, scene, a), 1);
+
+    // Cross: a walks right in front, b walks left behind.
+    for (int f = 0; f < 70; ++f) {
+      scene.walk_to(a, scene.person(a).x + kStep, front);
+      scene.walk_to(b, scene.person(b).x - kStep, back);
+      const std::vector<uint16_t> depth = scene.render();
+      run.feed(depth);
+      SCOPED_TRACE(testing::Message() << "crossing frame " << f);
+      check_frame(run, depth);
+      ASSERT_EQ(id_of(run, scene, a), idA);
+      const uint16_t nowB = id_of(run, scene, b);
+      if (nowB != 0) {
+        ASSERT_EQ(nowB, idB);
+      }
+    }
+    EXPECT_GT(scene.person(a).x, scene.person(b).x);
+    EXPECT_EQ(id_of(run, scene, a), idA);
+    EXPECT_EQ(id_of(run, scene, b), idB);
+    EXPECT_EQ(run.users().active_user_count(), 2);
+  }
+}
+
+TEST(Users, PeopleWhoLeaveFreeTheirIdsAndTheLastFreedIsReusedFirst) {
+  PersonScene scene = room();
+  const int a = scene.add_person(-2500.f, 2600.f);
+  const int b = scene.add_person(2500.f, 3000.f);
+  SceneEngine run;
+  scene.person(a).visible = scene.person(b).visible = false;
+  run.feed(scene.render(), 40);
+  scene.person(a).visible = scene.person(b).visible = true;
+  for (int f = 0; f < 65; ++f) {
+    scene.walk_to(a, scene.person(a).x + kStep, 2600.f);
+    scene.walk_to(b, scene.person(b).x - kStep, 3000.f);
+    run.feed(scene.render());
+  }
+  ASSERT_EQ(run.users().active_user_count(), 2);
+  const uint16_t idA = id_of(run, scene, a), idB = id_of(run, scene, b);
+  ASSERT_NE(idA, 0);
+  ASSERT_NE(idB, 0);
+  ASSERT_NE(idA, idB);
+
+  // a leaves to the left, then b to the right some frames later.
+  for (int f = 0; f < 120; ++f) {
+    scene.walk_to(a, scene.person(a).x - 2 * kStep, 2600.f);
+    if (f >= 20) scene.walk_to(b, scene.person(b).x + 2 * kStep, 3000.f);
+    run.feed(scene.render());
+  }
+  scene.person(a).visible = scene.person(b).visible = false;
+  const std::vector<uint16_t> empty = scene.render();
+  int goneA = -1, goneB = -1;
+  for (int f = 0; f < 420 && (goneA < 0 || goneB < 0); ++f) {
+    run.feed(empty);
+    if (goneA < 0 && !run.users().is_active(idA)) goneA = f;
+    if (goneB < 0 && !run.users().is_active(idB)) goneB = f;
+    ASSERT_TRUE(run.users().consistent());
+  }
+  ASSERT_GE(goneA, 0);
+  ASSERT_GE(goneB, 0);
+  ASSERT_LT(goneA, goneB);
+
+  // A newcomer gets the id freed last.
+  const int c = scene.add_person(-2500.f, 2800.f);
+  int firstC = -1;
+  uint16_t idC = 0;
+  walk(run, scene, c, 0.f, 2800.f, firstC, idC);
+  EXPECT_EQ(idC, idB);
+}
+
+TEST(Users, AUserWithoutPixelsIsRemovedOnTheThreeHundredAndFirstFrame) {
+  PersonScene scene = room();
+  const int p = scene.add_person(-2500.f, 2800.f);
+  SceneEngine run;
+  run.feed(scene.render(), 40);
+  int first = -1;
+  uint16_t id = 0;
+  walk(run, scene, p, 0.f, 2800.f, first, id);
+  ASSERT_NE(id, 0);
+  scene.person(p).visible = false;
+  const std::vector<uint16_t> empty = scene.render();
+  int frames = 0;
+  while (run.users().is_active(id) && frames < 400) {
+    run.feed(empty);
+    ++frames;
+  }
+  EXPECT_EQ(frames, 301);
+}
+
+TEST(Users, StillObjectsFromTheFirstFrameAndMovedFurnitureNeverGetAnId) {
+  PersonScene scene = room();
+  scene.add_person(900.f, 3000.f);  // a statue standing there from the start
+  scene.add_box(-900.f, 2500.f, 500.f, 400.f, 700.f);
+  const int chair = scene.add_chair(-300.f, 2200.f);
+  const int crate = scene.add_box(600.f, 2000.f, 600.f, 500.f, 800.f);
+  SceneEngine run;
+  std::vector<uint16_t> depth = scene.render();
+  run.feed(depth, 60);
+  // The chair is pushed across the room, the crate is dragged in steps.
+  for (int f = 0; f < 150; ++f) {
+    if (f < 60) scene.move_object(chair, -300.f + 15.f * float(f), 2200.f + 5.f * float(f));
+    if (f >= 60 && f < 90) scene.move_object(crate, 600.f - 25.f * float(f - 60), 2000.f);
+    depth = scene.render();
+    run.feed(depth);
+    SCOPED_TRACE(f);
+    check_frame(run, depth);
+    ASSERT_EQ(run.users().active_user_count(), 0);
+    ASSERT_EQ(run.count(0), scene.width() * scene.height());
+  }
+}
+
+TEST(Users, AllZeroAndDegenerateFramesLeaveNobody) {
+  PersonScene scene = room();
+  const int p = scene.add_person(-2500.f, 2800.f);
+  SceneEngine run;
+  const std::vector<uint16_t> zero(size_t(scene.width() * scene.height()), 0);
+  run.feed(zero, 10);
+  EXPECT_EQ(run.count(0), scene.width() * scene.height());
+  std::vector<uint16_t> line = zero;
+  for (int x = 0; x < scene.width(); ++x) line[size_t(60 * scene.width() + x)] = 2000;
+  run.feed(line, 5);
+  EXPECT_EQ(run.count(0), scene.width() * scene.height());
+
+  run.feed(scene.render(), 40);
+  int first = -1;
+  uint16_t id = 0;
+  walk(run, scene, p, 0.f, 2800.f, first, id);
+  ASSERT_NE(id, 0);
+  // The camera goes dark: the user owns nothing on a bad frame and is removed.
+  run.feed(zero, 3);
+  EXPECT_EQ(run.users().active_user_count(), 0);
+  EXPECT_EQ(run.count(0), scene.width() * scene.height());
+  EXPECT_TRUE(run.users().consistent());
+}
+
+TEST(Users, NoisyFramesStayWithinTheRegionCapacity) {
+  PersonScene scene = room();
+  SceneEngine run;
+  run.feed(scene.render(), 35);
+  std::mt19937 random(7);
+  std::uniform_int_distribution<int> depth(500, 4400);
+  std::uniform_int_distribution<int> coin(0, 3);
+  for (int f = 0; f < 40; ++f) {
+    std::vector<uint16_t> noise(size_t(scene.width() * scene.height()));
+    // Salt and pepper of unrelated depths: almost every pixel is its own region.
+    for (uint16_t& d : noise) d = coin(random) == 0 ? 0 : uint16_t(depth(random));
+    run.feed(noise);
+    SCOPED_TRACE(f);
+    // Far more regions than the tables hold: the rest are silently left out.
+    ASSERT_EQ(run.users().region_count(), 1999);
+    check_frame(run, noise);
+    ASSERT_LE(run.users().active_user_count(), 10);
+  }
+}
+
+TEST(Users, ElevenPeopleGiveAtMostTenIds) {
+  PersonScene scene(1000.f, 5.f);
+  scene.floor().wall(4400.f);
+  // People walk in one after the other from both sides into two files: six in front, five
+  // behind and taller. Everyone enters from outside the view: a body that pops up in the
+  // middle of the image reads as a sudden scene change instead.
+  std::vector<int> people;
+  std::vector<float> targets;
+  for (int i = 0; i < 6; ++i) {
+    people.push_back(scene.add_person(-2000.f, 2800.f, 1300.f));
+    targets.push_back(1250.f - 500.f * float(i));
+  }
+  for (int i = 0; i < 5; ++i) {
+    people.push_back(scene.add_person(2450.f, 3600.f, 1700.f));
+    targets.push_back(-1400.f + 700.f * float(i));
+  }
+  SceneEngine run;
+  for (int p : people) scene.person(p).visible = false;
+  run.feed(scene.render(), 40);
+  int most = 0;
+  for (int f = 0; f < 200; ++f) {
+    for (size_t i = 0; i < people.size(); ++i) {
+      const int p = people[i];
+      const int start = int(i % 6) * 30 + (i < 6 ? 0 : 15);
+      if (f < start) continue;
+      scene.person(p).visible = true;
+      const float dx = targets[i] - scene.person(p).x;
+      if (std::abs(dx) > 1.f) scene.walk_to(p, scene.person(p).x + std::clamp(dx, -20.f, 20.f), scene.person(p).z);
+    }
+    const std::vector<uint16_t> depth = scene.render();
+    run.feed(depth);
+    SCOPED_TRACE(f);
+    check_frame(run, depth);
+    ASSERT_LE(run.users().active_user_count(), 10);
+    most = std::max(most, run.users().active_user_count());
+  }
+  EXPECT_EQ(most, 10);
+}
+
+TEST(Users, TwoPeopleWhoTouchAndSeparateKeepTheirIds) {
+  PersonScene scene = room();
+  const int a = scene.add_person(-2500.f, 2900.f);
+  const int b = scene.add_person(2700.f, 2900.f);
+  scene.person(b).visible = false;
+  SceneEngine run;
+  run.feed(scene.render(), 40);
+  int firstA = -1, firstB = -1;
+  uint16_t idA = 0, idB = 0;
+  walk(run, scene, a, -900.f, 2900.f, firstA, idA);
+  scene.person(b).visible = true;
+  walk(run, scene, b, 900.f, 2900.f, firstB, idB);
+  ASSERT_NE(idA, 0);
+  ASSERT_NE(idB, 0);
+  ASSERT_NE(idA, idB);
+
+  // They step towards each other until their arms touch, stay a second, and step apart.
+  const float touching = 280.f;  // the arms overlap by 20 mm
+  std::vector<float> path;
+  for (float x = 900.f; x > touching; x -= 15.f) path.push_back(x);
+  for (int i = 0; i < 30; ++i) path.push_back(touching);
+  for (float x = touching; x < 1000.f; x += 15.f) path.push_back(x);
+  bool paired = false;
+  for (size_t f = 0; f < path.size(); ++f) {
+    scene.walk_to(a, -path[f], 2900.f);
+    scene.walk_to(b, path[f], 2900.f);
+    const std::vector<uint16_t> depth = scene.render();
+    run.feed(depth);
+    SCOPED_TRACE(testing::Message() << "frame " << f << " half gap " << path[f]);
+    check_frame(run, depth);
+    ASSERT_EQ(id_of(run, scene, a), idA);
+    ASSERT_EQ(id_of(run, scene, b), idB);
+    paired = paired || run.users().user(idA).pairPartner != 0 || run.users().user(idB).pairPartner != 0;
+    if (path[f] == touching) {
+      // The shared region is cut between the two.
+      for (int person : {a, b}) {
+        double recall = 0, precision = 0;
+        coverage(run, scene, person, person == a ? idA : idB, recall, precision);
+        EXPECT_GT(recall, 0.8);
+        EXPECT_GT(precision, 0.9);
+      }
+    }
+  }
+  EXPECT_TRUE(paired) << "the two never joined into one region";
+  double recall = 0, precision = 0;
+  coverage(run, scene, b, idB, recall, precision);
+  EXPECT_GT(recall, 0.8);
+  EXPECT_GT(precision, 0.9);
+  EXPECT_EQ(run.users().active_user_count(), 2);
+}
+
+TEST(Users, APersonWhoPassesBehindAPillarKeepsTheId) {
+  PersonScene scene;
+  scene.floor().wall(4200.f);
+  scene.add_box(0.f, 2500.f, 800.f, 300.f, 2200.f);
+  const int p = scene.add_person(2800.f, 3400.f);
+  scene.person(p).visible = false;
+  SceneEngine run;
+  run.feed(scene.render(), 40);
+  scene.person(p).visible = true;
+  int first = -1;
+  uint16_t id = 0;
+  walk(run, scene, p, 900.f, 3400.f, first, id);
+  ASSERT_EQ(id, 1);
+  bool hidden = false;
+  for (int f = 0; f < 90; ++f) {
+    scene.walk_to(p, scene.person(p).x - kStep, 3400.f);
+    const std::vector<uint16_t> depth = scene.render();
+    run.feed(depth);
+    SCOPED_TRACE(f);
+    check_frame(run, depth);
+    const uint16_t now = id_of(run, scene, p);
+    if (now == 0) {
+      hidden = hidden || run.users().user(id).labelPixels == 0;
+    } else {
+      ASSERT_EQ(now, id);
+    }
+  }
+  EXPECT_TRUE(hidden) << "the pillar never hid the person";
+  EXPECT_EQ(id_of(run, scene, p), id);
+  EXPECT_EQ(run.users().active_user_count(), 1);
+}
+
+TEST(Users, APersonComingTowardsTheCameraGetsAnIdSoonAfterComingNearerThanTheCut) {
+  PersonScene scene;
+  scene.floor().wall(7000.f);
+  const int p = scene.add_person(300.f, 6500.f);
+  scene.person(p).visible = false;
+  SceneEngine run;
+  run.feed(scene.render(), 40);
+  scene.person(p).visible = true;
+  int nearFrame = -1, idFrame = -1;
+  for (int f = 0; scene.person(p).z > 2600.f; ++f) {
+    scene.walk_to(p, 300.f, scene.person(p).z - kStep);
+    const std::vector<uint16_t> depth = scene.render();
+    run.feed(depth);
+    SCOPED_TRACE(f);
+    check_frame(run, depth);
+    if (nearFrame < 0 && scene.person(p).z + 150.f < 4500.f) nearFrame = f;
+    const uint16_t id = id_of(run, scene, p);
+    if (idFrame < 0 && id != 0) idFrame = f;
+    if (idFrame >= 0) {
+      ASSERT_EQ(id, 1);
+    }
+  }
+  ASSERT_GE(nearFrame, 0);
+  ASSERT_GE(idFrame, 0);
+  EXPECT_LE(idFrame, nearFrame + 30);
+}
+
+TEST(Users, AreasAndHeightsDoNotDependOnTheImageSize) {
+  PersonScene scene(1000.f, 5.f, 320, 240);
+  scene.floor().wall(4000.f);
+  const int p = scene.add_person(-2000.f, 2800.f);
+  SceneEngine run(320, 240);
+  run.feed(scene.render(), 40);
+  int first = -1;
+  uint16_t id = 0;
+  const int full = walk(run, scene, p, -500.f, 2800.f, first, id);
+  ASSERT_GE(full, 0);
+  ASSERT_GE(first, 0);
+  EXPECT_LE(first, full + 30);
+  EXPECT_EQ(id, 1);
+  double recall = 0, precision = 0;
+  coverage(run, scene, p, id, recall, precision);
+  EXPECT_GT(recall, 0.9);
+  EXPECT_GT(precision, 0.95);
+}
+
+TEST(Users, APersonInTheSceneFromTheFirstFrameGetsAnIdOnlyAfterWalkingOff) {
+  PersonScene scene = room();
+  const int p = scene.add_person(-600.f, 2800.f);
+  SceneEngine run;
+  const std::vector<uint16_t> still = scene.render();
+  for (int f = 0; f < 100; ++f) {
+    run.feed(still);
+    SCOPED_TRACE(f);
+    ASSERT_EQ(run.users().active_user_count(), 0);
+  }
+  int first = -1;
+  uint16_t id = 0;
+  walk(run, scene, p, 600.f, 2800.f, first, id);
+  ASSERT_GE(first, 0);
+  EXPECT_LE(first, 30);
+  EXPECT_EQ(id, 1);
+  double recall = 0, precision = 0;
+  coverage(run, scene, p, id, recall, precision);
+  EXPECT_GT(recall, 0.9);
+  EXPECT_GT(precision, 0.9);
+}
+
+TEST(Users, AUserKeepsTheIdThroughABackgroundReset) {
+  PersonScene scene = room();
+  const int p = scene.add_person(-2500.f, 2800.f);
+  SceneEngine run;
+  run.feed(scene.render(), 40);
+  int first = -1;
+  uint16_t id = 0;
+  walk(run, scene, p, -700.f, 2800.f, first, id);
+  ASSERT_EQ(id, 1);
+  // The background is rebuilt with the person standing in it; the person then walks on.
+  run.engine().reset();
+  for (int f = 0; f < 140; ++f) {
+    if (f >= 60) scene.walk_to(p, scene.person(p).x + 20.f, 2800.f);
+    const std::vector<uint16_t> depth = scene.render();
+    run.feed(depth);
+    SCOPED_TRACE(f);
+    check_frame(run, depth);
+    ASSERT_EQ(id_of(run, scene, p), id);
+    ASSERT_EQ(run.users().active_user_count(), 1);
+  }
+  double recall = 0, precision = 0;
+  coverage(run, scene, p, id, recall, precision);
+  EXPECT_GT(recall, 0.85);
+  EXPECT_GT(precision, 0.9);
+}
+
+TEST(Users, TwoPeopleWhoComeInTogetherGetTwoIdsOnceApart) {
+  PersonScene scene = room();
+  const int a = scene.add_person(-2500.f, 2800.f);
+  const int b = scene.add_person(-3060.f, 2800.f);  // arm to arm with a
+  SceneEngine run;
+  run.feed(scene.render(), 40);
+  for (int f = 0; f < 140; ++f) {
+    scene.walk_to(a, scene.person(a).x + kStep, 2800.f);
+    scene.walk_to(b, scene.person(b).x + (f < 80 ? kStep : -20.f), 2800.f);
+    const std::vector<uint16_t> depth = scene.render();
+    run.feed(depth);
+    SCOPED_TRACE(f);
+    check_frame(run, depth);
+    ASSERT_LE(run.users().active_user_count(), 2);
+  }
+  const uint16_t idA = id_of(run, scene, a), idB = id_of(run, scene, b);
+  EXPECT_NE(idA, 0);
+  EXPECT_NE(idB, 0);
+  EXPECT_NE(idA, idB);
+  for (int person : {a, b}) {
+    double recall = 0, precision = 0;
+    coverage(run, scene, person, person == a ? idA : idB, recall, precision);
+    EXPECT_GT(recall, 0.8);
+    EXPECT_GT(precision, 0.9);
+  }
+}
