@@ -123,8 +123,9 @@ void BodyTracker::update_user(TrackedUser& user, const Body* previous, const std
                               std::vector<Body>& newBodies) {
   float score = 0.f;
   RegionBox region;
-  classifier_->classify_user(depth_, userAnalyzer_.userLabels(), user.id, user.labels, user.candidates,
-                             classifierThreshold_, pixelLabels_, userIdImage_, score, region, pool_);
+  const ClassifierUser classified{user.id, user.labels, user.candidates};
+  classifier_->classify_user(depth_, userAnalyzer_.userLabels(), classified, classifierThreshold_, pixelLabels_,
+                             userIdImage_, score, region, pool_);
   modelTracker_.step(user.skeleton, pixelLabels_, worldPoints_, userIdImage_, region, frameNumber_, cameraModel_);
 
   Body& body = newBodies.emplace_back();
