@@ -83,7 +83,9 @@ class Tracker {
     EXPECT_EQ(qbt_bodytracker_create(&options, &handle), 0);
   }
   ~Tracker() {
-    if (handle != nullptr) EXPECT_EQ(qbt_bodytracker_destroy(&handle), 0);
+    if (handle != nullptr) {
+      EXPECT_EQ(qbt_bodytracker_destroy(&handle), 0);
+    }
   }
   qbt_bodytracker_t handle = nullptr;
 };
@@ -290,7 +292,8 @@ TEST(TrackerFlags, MirroringOnlyTrueForByteOne) {
   qbt_bodytracker_is_depth_mirrored(tracker.handle, &mirrored);
   EXPECT_FALSE(mirrored);
   // A host in another language may pass any byte; only 1 means true.
-  auto raw = reinterpret_cast<qbt_result_t (*)(qbt_bodytracker_t, uint8_t)>(&qbt_bodytracker_set_is_depth_mirrored);
+  auto raw = reinterpret_cast<qbt_result_t (*)(qbt_bodytracker_t, uint8_t)>(
+      reinterpret_cast<void (*)()>(&qbt_bodytracker_set_is_depth_mirrored));
   ASSERT_EQ(raw(tracker.handle, 1), 0);
   qbt_bodytracker_is_depth_mirrored(tracker.handle, &mirrored);
   EXPECT_TRUE(mirrored);
