@@ -1,6 +1,9 @@
 #include "tracker/classifier_loader.h"
 
+#include <sys/stat.h>
+
 #include <cstdio>
+#include <exception>
 #include <stdexcept>
 
 #include "forest/forest_reader.h"
@@ -12,9 +15,20 @@ LoadResult load_classifier(const std::string& path) {
   // Only a test that the file is there; the reader opens it again with its own buffer.
   std::FILE* file = std::fopen(path.c_str(), "rb");
   if (file == nullptr) return op::Err(ClassifierLoadError::FileNotFound);
+  // On this platform a directory opens too; it is no more a data file than a missing one.
+  struct stat info {};
+  const bool isDirectory = fstat(fileno(file), &info) == 0 && S_ISDIR(info.st_mode);
   std::fclose(file);
+  if (isDirectory) return op::Err(ClassifierLoadError::FileNotFound);
 
-  auto loaded = load_forest(path);
+  std::optional<op::Result<DecisionForest, ForestReadError>> read;
+  try {
+    read.emplace(load_forest(path));
+  } catch (const std::exception&) {
+    // The stream raises on read errors of the device; that is neither "missing" nor "bad".
+    return op::Err(ClassifierLoadError::UnknownLoadError);
+  }
+  auto& loaded = *read;
   if (loaded.is_error()) {
     switch (loaded.unwrap_error()) {
       case ForestReadError::CannotOpen: return op::Err(ClassifierLoadError::FileNotFound);
