@@ -5,12 +5,28 @@
 #include <cstring>
 #include <exception>
 #include <stdexcept>
+#include <vector>
 #include <string_view>
 
+#include "api/body_list.h"
 #include "api/error_record.h"
 #include "quorvik/body_tracking.h"
+#include "tracker/body_tracker_async.h"
 
 using quorvik::api::report_error;
+using quorvik::skeleton::BodyTrackerAsync;
+using quorvik::skeleton::FrameResult;
+using quorvik::skeleton::TrackerError;
+using quorvik::skeleton::_::BodyFrame;
+
+// The object behind a qbt_bodytracker_t: the public body records that body-list calls fill,
+// and the core, which owns everything else.
+struct qbt_tracker_object {
+  std::vector<qbt_body_t> bodies;
+  BodyTrackerAsync core;
+
+  explicit qbt_tracker_object(const quorvik::skeleton::TrackerOptions& options) : core(options) {}
+};
 
 namespace {
 
@@ -35,9 +51,41 @@ qbt_result_t guarded(std::string_view function, Work&& work, Clear&& clear) {
   }
 }
 
-// The tracker core arrives with the tracking pipeline; until then every call that needs it
-// fails as an internal error instead of pretending to work.
-[[noreturn]] void core_missing() { throw std::logic_error("tracker core is not available in this build"); }
+BodyFrame& frame_of(const qbt_bodyframe_t& handle) { return *reinterpret_cast<BodyFrame*>(handle.frame); }
+
+quorvik::skeleton::DepthView depth_view(const qbt_depthmap_t& map) {
+  return {static_cast<int64_t>(map.width), static_cast<int64_t>(map.height), map.data};
+}
+
+quorvik::skeleton::TrackerOptions tracker_options(const qbt_bodytracker_options_t& o) {
+  quorvik::skeleton::TrackerOptions options;
+  options.horizontalFovDegrees = o.horizontalFov;
+  options.verticalFovDegrees = o.verticalFov;
+  options.shift.zeroPlaneDistance = o.zeroPlaneDistance;
+  options.shift.zeroPlanePixelSize = o.zeroPlanePixelSize;
+  options.shift.emitterDcmosDistance = o.emitterDcmosDistance;
+  options.shift.maxShiftValue = o.maxShiftValue;
+  options.shift.deviceMaxDepth = o.deviceMaxDepth;
+  options.shift.constShift = o.constShift;
+  options.shift.pixelSizeFactor = o.pixelSizeFactor;
+  options.shift.paramCoeff = o.paramCoeff;
+  options.shift.shiftScale = o.shiftScale;
+  options.shift.minDepth = o.minDepth;
+  options.shift.maxDepth = o.maxDepth;
+  if (o.dataFilePath != nullptr) options.dataFilePath = o.dataFilePath;
+  return options;
+}
+
+// Turns a frame result into a handle: one more reference for the host, or the reported code.
+qbt_result_t hand_out(qbt_tracker_object* tracker, FrameResult result, std::string_view name,
+                      qbt_bodyframe_t* bodyFrame) {
+  if (result.is_error()) return report_error(name, static_cast<uint8_t>(result.unwrap_error()), "");
+  BodyFrame* frame = result.unwrap();
+  if (frame == nullptr) return report_error(name, QBT_RESULT_NULL_BODYFRAME, "");
+  frame->add_ref();
+  *bodyFrame = qbt_bodyframe_t{tracker, reinterpret_cast<qbt_frame_object*>(frame)};
+  return QBT_RESULT_SUCCESS;
+}
 
 }  // namespace
 
@@ -48,7 +96,15 @@ qbt_result_t qbt_asyncbodyframe_frame_ready(qbt_asyncbodyframe_t asyncBodyFrame,
   if (asyncBodyFrame.tracker == nullptr) return invalid(name, "asyncBodyFrame");
   if (isReady == nullptr) return invalid(name, "isReady is null");
   *isReady = false;
-  return guarded(name, []() -> qbt_result_t { core_missing(); }, [&] { *isReady = false; });
+  return guarded(
+      name,
+      [&]() -> qbt_result_t {
+        auto ready = asyncBodyFrame.tracker->core.is_frame_ready(asyncBodyFrame.slot);
+        if (ready.is_error()) return report_error(name, static_cast<uint8_t>(ready.unwrap_error()), "");
+        *isReady = ready.unwrap();
+        return QBT_RESULT_SUCCESS;
+      },
+      [&] { *isReady = false; });
 }
 
 bool qbt_asyncbodyframe_is_valid(qbt_asyncbodyframe_t asyncBodyFrame) {
@@ -60,7 +116,13 @@ qbt_result_t qbt_asyncbodyframe_take_frame(qbt_asyncbodyframe_t asyncBodyFrame, 
   if (asyncBodyFrame.tracker == nullptr) return invalid(name, "asyncBodyFrame");
   if (bodyFrame == nullptr) return invalid(name, "bodyFrame is null");
   *bodyFrame = kInvalidBodyFrame;
-  return guarded(name, []() -> qbt_result_t { core_missing(); }, [&] { *bodyFrame = kInvalidBodyFrame; });
+  return guarded(
+      name,
+      [&] {
+        qbt_tracker_object* tracker = asyncBodyFrame.tracker;
+        return hand_out(tracker, tracker->core.take_frame(asyncBodyFrame.slot), name, bodyFrame);
+      },
+      [&] { *bodyFrame = kInvalidBodyFrame; });
 }
 
 qbt_result_t qbt_bodyframe_body_list(qbt_bodyframe_t bodyFrame, qbt_bodylist_t* bodyList) {
@@ -69,7 +131,17 @@ qbt_result_t qbt_bodyframe_body_list(qbt_bodyframe_t bodyFrame, qbt_bodylist_t* 
   if (bodyList == nullptr) return invalid(name, "bodyList is null");
   *bodyList = qbt_bodylist_t{};
   if (bodyFrame.frame == nullptr) return invalid(name, "bodyFrame");
-  return guarded(name, []() -> qbt_result_t { core_missing(); }, [&] { *bodyList = qbt_bodylist_t{}; });
+  return guarded(
+      name,
+      [&]() -> qbt_result_t {
+        const qbt_result_t code =
+            quorvik::api::build_body_list(frame_of(bodyFrame), bodyFrame.tracker->bodies, *bodyList);
+        return code == QBT_RESULT_SUCCESS ? code : report_error(name, code, "");
+      },
+      [&] {
+        bodyFrame.tracker->bodies.clear();
+        *bodyList = qbt_bodylist_t{};
+      });
 }
 
 qbt_result_t qbt_bodyframe_bodymask(qbt_bodyframe_t bodyFrame, qbt_bodymask_t* bodyMask) {
@@ -78,7 +150,10 @@ qbt_result_t qbt_bodyframe_bodymask(qbt_bodyframe_t bodyFrame, qbt_bodymask_t* b
   if (bodyMask == nullptr) return invalid(name, "bodyMask is null");
   *bodyMask = qbt_bodymask_t{};
   if (bodyFrame.frame == nullptr) return invalid(name, "bodyFrame");
-  return guarded(name, []() -> qbt_result_t { core_missing(); }, [&] { *bodyMask = qbt_bodymask_t{}; });
+  const BodyFrame& frame = frame_of(bodyFrame);
+  *bodyMask = {frame.bodyMask.data, static_cast<int32_t>(frame.bodyMask.width),
+               static_cast<int32_t>(frame.bodyMask.height)};
+  return QBT_RESULT_SUCCESS;
 }
 
 qbt_result_t qbt_bodyframe_floor_info(qbt_bodyframe_t bodyFrame, bool* floorDetected, qbt_plane_t* floorPlane,
@@ -97,7 +172,12 @@ qbt_result_t qbt_bodyframe_floor_info(qbt_bodyframe_t bodyFrame, bool* floorDete
     clear();
     return invalid(name, "bodyFrame");
   }
-  return guarded(name, []() -> qbt_result_t { core_missing(); }, clear);
+  const BodyFrame& frame = frame_of(bodyFrame);
+  *floorDetected = frame.floorDetected;
+  *floorPlane = {frame.floorPlane[0], frame.floorPlane[1], frame.floorPlane[2], frame.floorPlane[3]};
+  *floorMask = {frame.floorMask.data, static_cast<int32_t>(frame.floorMask.width),
+                static_cast<int32_t>(frame.floorMask.height)};
+  return QBT_RESULT_SUCCESS;
 }
 
 qbt_result_t qbt_bodyframe_info(qbt_bodyframe_t bodyFrame, qbt_bodyframe_info_t* info) {
@@ -106,7 +186,9 @@ qbt_result_t qbt_bodyframe_info(qbt_bodyframe_t bodyFrame, qbt_bodyframe_info_t*
   if (info == nullptr) return invalid(name, "info is null");
   *info = qbt_bodyframe_info_t{};
   if (bodyFrame.frame == nullptr) return invalid(name, "bodyFrame");
-  return guarded(name, []() -> qbt_result_t { core_missing(); }, [&] { *info = qbt_bodyframe_info_t{}; });
+  const BodyFrame& frame = frame_of(bodyFrame);
+  *info = {frame.width, frame.height};
+  return QBT_RESULT_SUCCESS;
 }
 
 bool qbt_bodyframe_is_valid(qbt_bodyframe_t bodyFrame) {
@@ -121,7 +203,14 @@ qbt_result_t qbt_bodyframe_release(qbt_bodyframe_t* bodyFrame) {
     *bodyFrame = kInvalidBodyFrame;
     return invalid(name, "bodyFrame");
   }
-  return guarded(name, []() -> qbt_result_t { core_missing(); }, [&] { *bodyFrame = kInvalidBodyFrame; });
+  return guarded(
+      name,
+      [&] {
+        frame_of(*bodyFrame).remove_ref();
+        *bodyFrame = kInvalidBodyFrame;
+        return QBT_RESULT_SUCCESS;
+      },
+      [&] { *bodyFrame = kInvalidBodyFrame; });
 }
 
 qbt_result_t qbt_bodytracker_create(const qbt_bodytracker_options_t* options, qbt_bodytracker_t* bodyTracker) {
@@ -132,14 +221,27 @@ qbt_result_t qbt_bodytracker_create(const qbt_bodytracker_options_t* options, qb
     qbt_bodytracker_fill_default_options(&defaults);
     options = &defaults;
   }
-  return guarded(name, []() -> qbt_result_t { core_missing(); }, [] {});
+  return guarded(
+      name,
+      [&] {
+        *bodyTracker = new qbt_tracker_object(tracker_options(*options));
+        return QBT_RESULT_SUCCESS;
+      },
+      [] {});
 }
 
 qbt_result_t qbt_bodytracker_destroy(qbt_bodytracker_t* bodyTracker) {
   constexpr std::string_view name = "qbt_bodytracker_destroy";
   if (bodyTracker == nullptr) return invalid(name, "bodyTracker is null");
   if (*bodyTracker == nullptr) return invalid(name, "bodyTracker");
-  return guarded(name, []() -> qbt_result_t { core_missing(); }, [] {});
+  return guarded(
+      name,
+      [&] {
+        delete *bodyTracker;
+        *bodyTracker = nullptr;
+        return QBT_RESULT_SUCCESS;
+      },
+      [] {});
 }
 
 qbt_result_t qbt_bodytracker_fill_default_options(qbt_bodytracker_options_t* options) {
@@ -166,14 +268,15 @@ qbt_result_t qbt_bodytracker_is_depth_mirrored(qbt_bodytracker_t bodyTracker, bo
   constexpr std::string_view name = "qbt_bodytracker_is_depth_mirrored";
   if (bodyTracker == nullptr) return invalid(name, "bodyTracker");
   if (isDepthMirrored == nullptr) return invalid(name, "isDepthMirrored is null");
-  *isDepthMirrored = false;
-  return guarded(name, []() -> qbt_result_t { core_missing(); }, [] {});
+  *isDepthMirrored = bodyTracker->core.is_depth_mirrored();
+  return QBT_RESULT_SUCCESS;
 }
 
 qbt_result_t qbt_bodytracker_reset(qbt_bodytracker_t bodyTracker) {
   constexpr std::string_view name = "qbt_bodytracker_reset";
   if (bodyTracker == nullptr) return invalid(name, "bodyTracker");
-  return guarded(name, []() -> qbt_result_t { core_missing(); }, [] {});
+  bodyTracker->core.request_reset();
+  return QBT_RESULT_SUCCESS;
 }
 
 qbt_result_t qbt_bodytracker_set_is_depth_mirrored(qbt_bodytracker_t bodyTracker, bool isDepthMirrored) {
@@ -182,9 +285,8 @@ qbt_result_t qbt_bodytracker_set_is_depth_mirrored(qbt_bodytracker_t bodyTracker
   // Only the byte value 1 means true; the byte is read as it came from the host.
   unsigned char byte;
   std::memcpy(&byte, &isDepthMirrored, 1);
-  const bool mirrored = byte == 1;
-  (void)mirrored;
-  return guarded(name, []() -> qbt_result_t { core_missing(); }, [] {});
+  bodyTracker->core.set_is_depth_mirrored(byte == 1);
+  return QBT_RESULT_SUCCESS;
 }
 
 qbt_result_t qbt_bodytracker_update(qbt_bodytracker_t bodyTracker, const qbt_depthmap_t* depthMap,
@@ -194,7 +296,11 @@ qbt_result_t qbt_bodytracker_update(qbt_bodytracker_t bodyTracker, const qbt_dep
   if (bodyFrame == nullptr) return invalid(name, "bodyFrame is null");
   *bodyFrame = kInvalidBodyFrame;
   if (depthMap == nullptr) return invalid(name, "depthMap is null");
-  return guarded(name, []() -> qbt_result_t { core_missing(); }, [&] { *bodyFrame = kInvalidBodyFrame; });
+  // Errors from the core are reported under the core's own name; exceptions under ours.
+  return guarded(
+      name,
+      [&] { return hand_out(bodyTracker, bodyTracker->core.update(depth_view(*depthMap)), "bodytracker_update", bodyFrame); },
+      [&] { *bodyFrame = kInvalidBodyFrame; });
 }
 
 qbt_result_t qbt_bodytracker_update_async(qbt_bodytracker_t bodyTracker, const qbt_depthmap_t* depthMap,
@@ -204,8 +310,15 @@ qbt_result_t qbt_bodytracker_update_async(qbt_bodytracker_t bodyTracker, const q
   if (asyncBodyFrame == nullptr) return invalid(name, "asyncBodyFrame is null");
   *asyncBodyFrame = kInvalidAsyncBodyFrame;
   if (depthMap == nullptr) return invalid(name, "depthMap is null");
-  return guarded(name, []() -> qbt_result_t { core_missing(); },
-                 [&] { *asyncBodyFrame = kInvalidAsyncBodyFrame; });
+  return guarded(
+      name,
+      [&]() -> qbt_result_t {
+        auto queued = bodyTracker->core.update_async(depth_view(*depthMap));
+        if (queued.is_error()) return report_error(name, static_cast<uint8_t>(queued.unwrap_error()), "");
+        *asyncBodyFrame = {bodyTracker, reinterpret_cast<qbt_pending_slot*>(queued.unwrap())};
+        return QBT_RESULT_SUCCESS;
+      },
+      [&] { *asyncBodyFrame = kInvalidAsyncBodyFrame; });
 }
 
 qbt_result_t qbt_error_info(qbt_error_info_t* info) {

@@ -1,0 +1,163 @@
+#include "tracker/body_tracker.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "classifier/frame_classifier.h"
+#include "op/logging.h"
+
+namespace quorvik::skeleton {
+namespace {
+
+// Report order of the joints: the order of a user's joint table and of a body's joints.
+constexpr uint8_t kReportOrder[kJointCount] = {8, 1, 0, 2, 3, 4, 5, 6, 7, 9, 10, 11, 12, 13, 14, 15};
+
+}  // namespace
+
+void reduce_min_nonzero(const uint16_t* pixels, uint32_t width, uint32_t height, op::Image<uint16_t>& out) {
+  const uint32_t outW = out.width();
+  const uint32_t outH = out.height();
+  if (width == outW && height == outH) {
+    std::memcpy(out.data(), pixels, out.byte_size());
+    return;
+  }
+  const uint32_t kx = width / outW;
+  const uint32_t ky = height / outH;
+  for (uint32_t y = 0; y < outH; ++y) {
+    for (uint32_t x = 0; x < outW; ++x) {
+      // Compared as signed 16-bit values: a depth above 32767 reads as negative and wins.
+      int16_t best = 32767;
+      bool found = false;
+      for (uint32_t by = 0; by < ky; ++by) {
+        const uint16_t* row = pixels + size_t{y * ky + by} * width + size_t{x} * kx;
+        for (uint32_t bx = 0; bx < kx; ++bx) {
+          const auto v = static_cast<int16_t>(row[bx]);
+          if (v != 0 && v < best) {
+            best = v;
+            found = true;
+          }
+        }
+      }
+      out.at(x, y) = found ? static_cast<uint16_t>(best) : uint16_t{0};
+    }
+  }
+}
+
+void resample_nearest(const op::Image<uint8_t>& source, uint32_t width, uint32_t height, op::Image<uint8_t>& target) {
+  target.resize(width, height);
+  const float sx = static_cast<float>(source.width()) / static_cast<float>(width);
+  const float sy = static_cast<float>(source.height()) / static_cast<float>(height);
+  for (uint32_t y = 0; y < height; ++y) {
+    const uint8_t* src = source.row(static_cast<uint32_t>(static_cast<float>(y) * sy));
+    uint8_t* dst = target.row(y);
+    for (uint32_t x = 0; x < width; ++x) dst[x] = src[static_cast<uint32_t>(static_cast<float>(x) * sx)];
+  }
+}
+
+BodyTracker::BodyTracker(const TrackerOptions& options, DecisionForest forest, uint32_t blockWidth,
+                         uint32_t blockHeight)
+    : blockWidth_(blockWidth),
+      blockHeight_(blockHeight),
+      cameraModel_(options.horizontalFovDegrees * kDegreesToRadians, options.verticalFovDegrees * kDegreesToRadians,
+                   static_cast<float>(blockWidth), static_cast<float>(blockHeight)),
+      conversionTables_(build_conversion_tables(options.shift)),
+      userAnalyzer_(options.horizontalFovDegrees, options.verticalFovDegrees, blockWidth, blockHeight),
+      forest_(std::move(forest)),
+      pixelLabels_(blockWidth, blockHeight),
+      userIdImage_(blockWidth, blockHeight),
+      worldPoints_(blockWidth, blockHeight),
+      depth_(blockWidth, blockHeight),
+      logger_(op::get_logger("BodyTracker")),
+      classifier_(std::make_unique<FrameClassifier>(&forest_)) {}
+
+BodyTracker::~BodyTracker() = default;
+
+op::Result<op::Unit, TrackerError> BodyTracker::update(uint32_t width, uint32_t height, const uint16_t* pixels) {
+  if (width == 0 || height == 0 || width % blockWidth_ != 0 || height % blockHeight_ != 0 ||
+      width / blockWidth_ != height / blockHeight_)
+    return op::Err(TrackerError::InvalidDepthMapSize);
+
+  reduce_min_nonzero(pixels, width, height, depth_);
+  cameraModel_.to_world(depth_, worldPoints_);
+  userAnalyzer_.update(depth_, conversionTables_, isDepthMirrored, users_);
+  pixelLabels_.fill(PixelLabel{});
+
+  if (forest_.tree_count() == 0) {
+    // Without trees nothing can be classified: everyone in the labels is body 1's mask.
+    const op::Image<uint16_t>& labels = userAnalyzer_.userLabels();
+    for (size_t i = 0; i < labels.size(); ++i) userIdImage_[i] = labels[i] != kNoUser ? 1 : 0;
+    bodies_.clear();
+  } else {
+    userIdImage_.fill(0);
+    const std::array<float, 3> scale{static_cast<float>(width / blockWidth_),
+                                     static_cast<float>(height / blockHeight_), 1.f};
+    std::vector<Body> newBodies;
+    for (TrackedUser& user : users_) {
+      if (user.lost == 0) {
+        auto previous = std::find_if(bodies_.begin(), bodies_.end(), [&](const Body& b) { return b.id == user.id; });
+        update_user(user, previous != bodies_.end() ? &*previous : nullptr, scale, newBodies);
+        continue;
+      }
+      logger_->debug("BodyTracker::update frame #{} user #{} tracking lost", frameNumber_, user.id);
+      Body& body = newBodies.emplace_back();
+      body.id = user.id;
+      body.status = BodyStatus::TrackingLost;
+      body.extent = user.extent;
+      for (uint8_t type : kReportOrder) body.joints.emplace(type, Joint{type, JointStatus::None, {0, 0}, {0, 0, 0}});
+    }
+    bodies_ = std::move(newBodies);
+  }
+
+  resample_nearest(userIdImage_, width, height, bodyMask_);
+  if (!userAnalyzer_.floorDetected()) {
+    floorMask_.resize(width, height);
+    floorMask_.fill(0);
+  } else {
+    resample_nearest(userAnalyzer_.floorMask(), width, height, floorMask_);
+  }
+  ++frameNumber_;
+  return op::Ok(op::Unit{});
+}
+
+void BodyTracker::update_user(TrackedUser& user, const Body* previous, const std::array<float, 3>& scale,
+                              std::vector<Body>& newBodies) {
+  float score = 0.f;
+  RegionBox region;
+  const ClassifierUser classified{user.id, user.labels, user.candidates};
+  classifier_->classify_user(depth_, userAnalyzer_.userLabels(), classified, classifierThreshold_, pixelLabels_,
+                             userIdImage_, score, region, pool_);
+  modelTracker_.step(user.skeleton, pixelLabels_, worldPoints_, userIdImage_, region, frameNumber_, cameraModel_);
+
+  Body& body = newBodies.emplace_back();
+  body.id = user.id;
+  body.extent = user.extent;
+  for (uint8_t type : kReportOrder) {
+    const JointRecord& record = user.skeleton.joint(type);
+    Joint joint;
+    joint.type = isDepthMirrored ? mirror_joint(type) : type;
+    joint.status = record.status;
+    if (record.status != JointStatus::None) {
+      joint.depthPosition[0] = record.imageX * scale[0];
+      joint.depthPosition[1] = record.imageY * scale[1];
+      joint.worldPosition[0] = record.worldPosition.x;
+      joint.worldPosition[1] = record.worldPosition.y;
+      joint.worldPosition[2] = record.worldPosition.z;
+    }
+    body.joints.emplace(joint.type, joint);
+  }
+  if (previous != nullptr) {
+    body.status = BodyStatus::Tracking;
+  } else {
+    body.status = BodyStatus::TrackingStarted;
+    logger_->debug("BodyTracker::update_user frame #{} user #{} tracking started", frameNumber_, user.id);
+  }
+}
+
+void BodyTracker::reset() {
+  bodies_.clear();
+  users_.clear();
+  userAnalyzer_.reset();
+  frameNumber_ = 0;
+}
+
+}  // namespace quorvik::skeleton

@@ -1,0 +1,91 @@
+#pragma once
+// One depth map through the whole pipeline: reduction to 160x120, world points, users and
+// floor, body-part classification per user, skeleton fitting, and the body list with each
+// body's status; the body and floor masks come back at the input size.
+
+#include <array>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <vector>
+
+#include <spdlog/logger.h>
+
+#include "classifier/pixel_label.h"
+#include "forest/decision_forest.h"
+#include "op/image.h"
+#include "op/result.h"
+#include "op/thread_pool.h"
+#include "segmentation/depth_conversion.h"
+#include "segmentation/user_analyzer.h"
+#include "skeleton/model_tracker.h"
+#include "skeleton/region_box.h"
+#include "skeleton/user_skeleton.h"
+#include "tracker/body_frame.h"
+#include "tracker/tracker_error.h"
+#include "tracker/tracker_options.h"
+
+namespace quorvik::skeleton {
+
+class FrameClassifier;
+
+struct TrackedUser : SegmentedUser {
+  explicit TrackedUser(uint8_t userId) : SegmentedUser(userId), skeleton(userId) {}
+  UserSkeleton skeleton;
+};
+
+class BodyTracker {
+ public:
+  BodyTracker(const TrackerOptions& options, DecisionForest forest, uint32_t blockWidth, uint32_t blockHeight);
+  ~BodyTracker();
+  BodyTracker(const BodyTracker&) = delete;
+  BodyTracker& operator=(const BodyTracker&) = delete;
+
+  // Fails with InvalidDepthMapSize, changing nothing, unless the size is the same positive
+  // whole multiple of 160x120 in both directions.
+  op::Result<op::Unit, TrackerError> update(uint32_t width, uint32_t height, const uint16_t* pixels);
+  void reset();
+
+  const std::vector<Body>& bodies() const { return bodies_; }
+  const op::Image<uint8_t>& bodyMask() const { return bodyMask_; }
+  const op::Image<uint8_t>& floorMask() const { return floorMask_; }
+  bool floorDetected() const { return userAnalyzer_.floorDetected(); }
+  const std::array<float, 4>& floorPlane() const { return userAnalyzer_.floorPlane(); }
+  const std::vector<TrackedUser>& users() const { return users_; }
+  uint32_t frameNumber() const { return frameNumber_; }
+
+  bool isDepthMirrored = true;
+
+ private:
+  void update_user(TrackedUser& user, const Body* previous, const std::array<float, 3>& scale,
+                   std::vector<Body>& newBodies);
+  void reduce(uint32_t width, uint32_t height, const uint16_t* pixels);
+
+  uint32_t blockWidth_;
+  uint32_t blockHeight_;
+  DepthCameraModel cameraModel_;
+  ConversionTables conversionTables_;
+  UserAnalyzer userAnalyzer_;
+  DecisionForest forest_;
+  op::Image<PixelLabel> pixelLabels_;
+  op::Image<uint8_t> userIdImage_;
+  ModelTracker modelTracker_;
+  float classifierThreshold_ = 0.35f;
+  std::vector<Body> bodies_;
+  op::Image<WorldPoint> worldPoints_;
+  op::Image<uint16_t> depth_;
+  op::Image<uint8_t> bodyMask_;
+  op::Image<uint8_t> floorMask_;
+  std::vector<TrackedUser> users_;
+  uint32_t frameNumber_ = 0;
+  op::ThreadPool pool_;
+  std::shared_ptr<spdlog::logger> logger_;
+  std::unique_ptr<FrameClassifier> classifier_;
+};
+
+// Nearest neighbour: target (x, y) takes source (trunc(x * sw / W), trunc(y * sh / H)).
+void resample_nearest(const op::Image<uint8_t>& source, uint32_t width, uint32_t height, op::Image<uint8_t>& target);
+// Each output pixel takes the smallest non-zero value of its block (0 when there is none).
+void reduce_min_nonzero(const uint16_t* pixels, uint32_t width, uint32_t height, op::Image<uint16_t>& out);
+
+}  // namespace quorvik::skeleton
