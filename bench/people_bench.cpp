@@ -2,11 +2,12 @@
 //
 // The scene builder lives in the shared test-support sources; the benchmark binaries do not
 // link that library, so its one source file is compiled in here.
-#include "support/person_scene.cpp"  // NOLINT(bugprone-suspicious-include)
 
 #include <benchmark/benchmark.h>
 
 #include <vector>
+
+#include "support/person_scene.h"
 
 namespace {
 

@@ -6,8 +6,8 @@
 #include <vector>
 
 // The scene builder of the segmentation tests, compiled into this binary.
-#include "segmentation/scene_util.cpp"
 #include "segmentation/segmentation_engine.h"
+#include "support/scene_util.h"
 
 namespace {
 

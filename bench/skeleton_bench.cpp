@@ -3,9 +3,9 @@
 #include <benchmark/benchmark.h>
 
 #include "skeleton/model_tracker.h"
+#include "support/posed_body.h"
 // The posed-body renderer is test code that the benchmark targets do not link; it is
 // compiled into this binary directly.
-#include "skeleton/posed_body_util.cpp"
 
 namespace quorvik::skeleton {
 namespace {

@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "segmentation/scene_util.h"
+#include "support/scene_util.h"
 
 using namespace quorvik::legacy;
 using quorvik::skeleton::kDegreesToRadians;

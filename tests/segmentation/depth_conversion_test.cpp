@@ -4,7 +4,7 @@
 
 #include <cmath>
 
-#include "segmentation/scene_util.h"
+#include "support/scene_util.h"
 #include "segmentation/seg_coordinate_mapper.h"
 
 using namespace quorvik::skeleton;

@@ -5,7 +5,7 @@
 #include <cmath>
 #include <cstring>
 
-#include "segmentation/scene_util.h"
+#include "support/scene_util.h"
 
 using namespace quorvik::legacy;
 using quorvik::skeleton::kDegreesToRadians;

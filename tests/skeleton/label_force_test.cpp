@@ -5,7 +5,7 @@
 
 #include <gtest/gtest.h>
 
-#include "posed_body_util.h"
+#include "support/posed_body.h"
 
 namespace quorvik::skeleton {
 namespace {

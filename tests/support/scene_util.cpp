@@ -1,4 +1,4 @@
-#include "segmentation/scene_util.h"
+#include "support/scene_util.h"
 
 #include <algorithm>
 #include <cmath>

@@ -1,4 +1,4 @@
-#include "posed_body_util.h"
+#include "support/posed_body.h"
 
 #include <cmath>
 #include <limits>
