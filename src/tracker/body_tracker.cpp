@@ -1,7 +1,9 @@
 #include "tracker/body_tracker.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <cstring>
+#include <vector>
 
 #include "classifier/frame_classifier.h"
 #include "op/logging.h"
@@ -47,10 +49,21 @@ void resample_nearest(const op::Image<uint8_t>& source, uint32_t width, uint32_t
   target.resize(width, height);
   const float sx = static_cast<float>(source.width()) / static_cast<float>(width);
   const float sy = static_cast<float>(source.height()) / static_cast<float>(height);
+  // The source column of each target column is the same on every row: compute it once.
+  thread_local std::vector<uint32_t> columns;
+  columns.resize(width);
+  for (uint32_t x = 0; x < width; ++x) columns[x] = static_cast<uint32_t>(static_cast<float>(x) * sx);
+  uint32_t previousRow = UINT32_MAX;
   for (uint32_t y = 0; y < height; ++y) {
-    const uint8_t* src = source.row(static_cast<uint32_t>(static_cast<float>(y) * sy));
+    const uint32_t sourceRow = static_cast<uint32_t>(static_cast<float>(y) * sy);
     uint8_t* dst = target.row(y);
-    for (uint32_t x = 0; x < width; ++x) dst[x] = src[static_cast<uint32_t>(static_cast<float>(x) * sx)];
+    if (sourceRow == previousRow) {
+      std::memcpy(dst, target.row(y - 1), width);
+      continue;
+    }
+    previousRow = sourceRow;
+    const uint8_t* src = source.row(sourceRow);
+    for (uint32_t x = 0; x < width; ++x) dst[x] = src[columns[x]];
   }
 }
 

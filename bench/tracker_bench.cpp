@@ -1,0 +1,109 @@
+// qbt_bodytracker_update end to end, per input size and number of people in view.
+
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include <benchmark/benchmark.h>
+
+#include "forest/forest_writer.h"
+#include "quorvik/body_tracking.h"
+#include "support/person_scene.h"
+
+namespace {
+
+using namespace quorvik::skeleton;
+
+// Three trees of depth 20 with random depth-difference splits: the classification cost of a
+// trained forest without needing one.
+std::string write_random_forest() {
+  const std::string path =
+      (std::filesystem::temp_directory_path() / ("qbt-bench-" + std::to_string(getpid()) + ".data")).string();
+  std::ofstream out(path, std::ios::binary);
+  ForestFileWriter w(out);
+  uint32_t state = 12345;
+  auto next = [&] { return state = state * 1664525u + 1013904223u; };
+  std::vector<ProbeOffsets> offsets(256);
+  for (auto& o : offsets) {
+    o = {int16_t(int(next() % 4001) - 2000), int16_t(int(next() % 4001) - 2000), int16_t(int(next() % 4001) - 2000),
+         int16_t(int(next() % 4001) - 2000)};
+  }
+  w.signature();
+  w.header();
+  w.offsets(offsets);
+  constexpr int kDepth = 20;
+  for (int t = 0; t < 3; ++t) {
+    // A full tree would be 2^20 leaves; grow one random path per level deep and leaves aside.
+    std::vector<NodeRecord> nodes;
+    std::vector<DistributionRecord> dists;
+    nodes.push_back(split_record(1, 0, next() % 256, float(int(next() % 400) - 200)));
+    for (int level = 1; level < kDepth; ++level) {
+      const uint32_t first = uint32_t(nodes.size());
+      // children of the previous split: one leaf, one split (or leaf at the bottom)
+      nodes.push_back(leaf_record(uint32_t(dists.size())));
+      dists.push_back({{uint8_t(2 + next() % 26)}, {65535}});
+      if (level + 1 < kDepth) {
+        nodes.push_back(split_record(first + 2, 0, next() % 256, float(int(next() % 400) - 200)));
+      } else {
+        nodes.push_back(leaf_record(uint32_t(dists.size())));
+        dists.push_back({{uint8_t(2 + next() % 26)}, {65535}});
+      }
+    }
+    w.tree(uint32_t(nodes.size()), uint32_t(dists.size()));
+    w.nodes(nodes);
+    w.distributions(dists);
+  }
+  w.end();
+  return path;
+}
+
+void BM_Update(benchmark::State& state) {
+  const int scale = int(state.range(0));
+  const int people = int(state.range(1));
+  static const std::string path = write_random_forest();
+  qbt_bodytracker_options_t options;
+  qbt_bodytracker_fill_default_options(&options);
+  options.dataFilePath = path.c_str();
+  qbt_bodytracker_t tracker = nullptr;
+  qbt_bodytracker_create(&options, &tracker);
+
+  person_scene::PersonScene scene(1000.f, 5.f, 160 * scale, 120 * scale);
+  scene.floor().wall(4500);
+  for (int p = 0; p < people; ++p) scene.add_person(-2600.f - 1200.f * p, 2600.f + 600.f * p);
+  // Frames of people walking in; the sequence repeats once they are tracked.
+  std::vector<std::vector<uint16_t>> frames;
+  for (int i = 0; i < 160; ++i) {
+    for (int p = 0; p < people; ++p)
+      scene.walk_to(p, std::min(-2600.f - 1200.f * p + 30.f * i, -400.f + 800.f * p), 2600.f + 600.f * p);
+    frames.push_back(scene.render());
+  }
+  auto run = [&](size_t i) {
+    const qbt_depthmap_t map{frames[i].data(), scene.width(), scene.height()};
+    qbt_bodyframe_t frame;
+    qbt_bodytracker_update(tracker, &map, &frame);
+    qbt_bodylist_t list;
+    qbt_bodyframe_body_list(frame, &list);
+    qbt_bodyframe_release(&frame);
+    return list.count;
+  };
+  uint32_t bodies = 0;
+  for (size_t i = 0; i < 120; ++i) bodies = run(i);  // walk in and get tracked
+  size_t i = 120;
+  for (auto _ : state) {
+    bodies = run(i);
+    i = i + 1 < frames.size() ? i + 1 : 120;
+  }
+  state.counters["bodies"] = bodies;
+  state.SetItemsProcessed(state.iterations());
+  qbt_bodytracker_destroy(&tracker);
+}
+BENCHMARK(BM_Update)
+    ->ArgsProduct({{1, 2, 4}, {1, 2}})
+    ->ArgNames({"scale", "people"})
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
+
+}  // namespace
