@@ -93,7 +93,7 @@ void BackgroundModel::allocate(int32_t w, int32_t h) {
   height = h;
   pixelCount = w * h;
   for (Array2D<uint16_t>* image : {&background, &foreground, &filteredBackground, &zeroRun, &shadowRun,
-                                   &nearChange, &steadyRun}) {
+                                   &nearChange, &steadyRun, &nearNext_}) {
     image->resize(w, h);
     image->clear();
   }
@@ -101,6 +101,10 @@ void BackgroundModel::allocate(int32_t w, int32_t h) {
   absorbCounter.clear();
   regionLabel.resize(w, h);
   regionLabel.clear();
+  for (Array2D<uint8_t>* image : {&bodyChange, &bodyNext_}) {
+    image->resize(w, h);
+    image->clear();
+  }
   filterScratch_.resize(w + 16);
   parent_.reserve(size_t(pixelCount) + 1);
   regions_.reserve(size_t(pixelCount) + 1);
@@ -197,6 +201,7 @@ void BackgroundModel::update(const BackgroundInputs& in) {
 
   if (reinitialise) {
     nearChange.clear();
+    bodyChange.clear();
     foreground.clear();
     resetThisFrame = true;
   } else {
@@ -206,20 +211,115 @@ void BackgroundModel::update(const BackgroundInputs& in) {
   untouched = false;
 }
 
+// What the fast-change test counts.
+//
+// The near change image holds everything that stands in front of the background, and people
+// are most of it. Someone who walks in briskly, or two or three people who come in together,
+// add their whole bodies to it within a few frames, which is as fast as a change of the scene
+// (a camera knocked, a screen rolled down). Left in, every brisk entrance would rebuild the
+// background with the people inside it, hold back their ids, and let their ghosts fire the
+// receding test as they walk on.
+//
+// So the near changes are cut into connected regions (4-connected, neighbours within
+// kBodyJoinMm of each other in depth) and a region that is no bigger than one person (at
+// most kBodyMaxWidthMm wide, kBodyMaxHeightMm tall and kBodyMaxArea in area, the users
+// stage's largest person) counts as a body, unless it spans the image from the left to the
+// right side or covers half of it (a wall that the camera was knocked against can be as
+// small as a person in millimetres). The foreground-change ring receives the gain minus the
+// loss of the near change image as always (a gain counts with the current depth and only
+// where the previous raw depth was valid, a loss with the previous depth), except that a
+// pixel that appears as part of a body, or disappears after being part of one in the
+// previous frame, is not counted. Pixels that stay near changes count neither way, so a
+// body that merges with something large (people who stand side by side) adds nothing at
+// once. A change of the scene still shows: a moved camera or a large object brought near
+// produces regions larger than anybody. The near change image itself, which the region
+// validation and the foreground use, is left whole.
 void BackgroundModel::update_near_change(const BackgroundInputs& in) {
-  if (untouched) nearChange.clear();
-  int64_t gained = 0, lost = 0;
+  if (untouched) {
+    nearChange.clear();
+    bodyChange.clear();
+  }
   for (int32_t i = 0; i < pixelCount; ++i) {
     const int32_t c = (*in.shift)[i];
     const int32_t b = background[i];
-    const uint16_t value = (c != 0 && (b == 0 || c < b - 3)) ? (*in.raw)[i] : uint16_t{0};
-    const uint16_t old = nearChange[i];
-    if (old == 0 && value != 0 && (*in.rawPrevious)[i] != 0) gained += area_of(value);
-    if (old != 0 && value == 0) lost += area_of(old);
-    nearChange[i] = value;
+    nearNext_[i] = (c != 0 && (b == 0 || c < b - 3)) ? (*in.raw)[i] : uint16_t{0};
   }
-  const int64_t change = (gained - lost) * int64_t(area_scale());
+  mark_bodies();
+  const uint32_t scale = area_scale();
+  int64_t gained = 0, lost = 0;
+  for (int32_t i = 0; i < pixelCount; ++i) {
+    const uint16_t value = nearNext_[i], old = nearChange[i];
+    if (old == 0 && value != 0 && bodyNext_[i] == 0 && (*in.rawPrevious)[i] != 0) gained += area_of(value);
+    if (old != 0 && value == 0 && bodyChange[i] == 0) lost += area_of(old);
+  }
+  nearChange = nearNext_;
+  bodyChange = bodyNext_;
+  const int64_t change = (gained - lost) * int64_t(scale);
   foregroundChange.newest() = static_cast<int32_t>(std::clamp<int64_t>(change, INT32_MIN, INT32_MAX));
+}
+
+// bodyNext_ = 1 on the near changes (nearNext_) of the regions no bigger than one person.
+void BackgroundModel::mark_bodies() {
+  constexpr int32_t kBodyJoinMm = 200;
+  constexpr double kBodyMaxWidthMm = 1500;
+  constexpr double kBodyMaxHeightMm = 2600;
+  constexpr int64_t kBodyMaxArea = 1500000;
+
+  parent_.assign(1, 0);
+  for (int32_t y = 0; y < height; ++y) {
+    const uint16_t* near = nearNext_.row(y);
+    const uint16_t* up = y > 0 ? nearNext_.row(y - 1) : nullptr;
+    int32_t* label = regionLabel.row(y);
+    const int32_t* labelUp = y > 0 ? regionLabel.row(y - 1) : nullptr;
+    for (int32_t x = 0; x < width; ++x) {
+      label[x] = 0;
+      if (near[x] == 0) continue;
+      int32_t own = 0;
+      if (x > 0 && label[x - 1] != 0 && std::abs(int32_t(near[x]) - near[x - 1]) <= kBodyJoinMm) own = label[x - 1];
+      if (up != nullptr && labelUp[x] != 0 && std::abs(int32_t(near[x]) - up[x]) <= kBodyJoinMm) {
+        if (own == 0) {
+          own = labelUp[x];
+        } else {
+          join(parent_, own, labelUp[x]);
+        }
+      }
+      if (own == 0) {
+        own = int32_t(parent_.size());
+        parent_.push_back(own);
+      }
+      label[x] = own;
+    }
+  }
+  bodyNext_.clear();
+  if (parent_.size() <= 1) return;
+
+  bodies_.assign(parent_.size(), BodySummary{});
+  const uint32_t scale = area_scale();
+  for (int32_t y = 0; y < height; ++y) {
+    const uint16_t* near = nearNext_.row(y);
+    int32_t* label = regionLabel.row(y);
+    for (int32_t x = 0; x < width; ++x) {
+      if (label[x] == 0) continue;
+      label[x] = find_root(parent_, label[x]);
+      BodySummary& r = bodies_[size_t(label[x])];
+      r.area += int64_t(area_of(near[x])) * scale;
+      ++r.pixels;
+      r.left |= x == 0;
+      r.right |= x == width - 1;
+      if (mapper_ != nullptr) {
+        const double wx = mapper_->world_x(x, near[x]), wy = mapper_->world_y(y, near[x]);
+        r.minX = std::min(r.minX, wx), r.maxX = std::max(r.maxX, wx);
+        r.minY = std::min(r.minY, wy), r.maxY = std::max(r.maxY, wy);
+      }
+    }
+  }
+  for (BodySummary& r : bodies_) {
+    r.body = !(r.left && r.right) && 2 * r.pixels <= pixelCount && r.area <= kBodyMaxArea && r.maxX - r.minX <= kBodyMaxWidthMm && r.maxY - r.minY <= kBodyMaxHeightMm;
+  }
+  for (int32_t i = 0; i < pixelCount; ++i) {
+    const int32_t root = regionLabel[i];
+    if (root != 0 && bodies_[size_t(root)].body) bodyNext_[i] = 1;
+  }
 }
 
 void BackgroundModel::detect_motion(double t) {

@@ -3,6 +3,7 @@
 // motion detector that notices when the whole scene changes (camera moved, lights, doors).
 
 #include <cstdint>
+#include <limits>
 #include <vector>
 
 #include "segmentation/containers.h"
@@ -55,6 +56,7 @@ class BackgroundModel {
   Array2D<uint16_t> shadowRun;
   Array2D<uint32_t> absorbCounter;
   Array2D<uint16_t> nearChange;
+  Array2D<uint8_t> bodyChange;  // 1 on the near changes of regions no bigger than one person
   bool resetThisFrame = false;
   bool badFrame = false;
   bool reinitialise = false;
@@ -64,7 +66,7 @@ class BackgroundModel {
   bool untouched = true;
 
   ValueRing<double, 16> timestamps;       // seconds
-  ValueRing<int32_t, 15> foregroundChange;  // growth of the near changes per frame (mm^2)
+  ValueRing<int32_t, 15> foregroundChange;  // growth of the near changes but bodies, per frame (mm^2)
   ValueRing<uint32_t, 16> receding;         // area that moved farther than its background
   ValueRing<uint32_t, 20> newBackground;    // the part of it that had no background yet
 
@@ -85,6 +87,7 @@ class BackgroundModel {
   bool frame_is_bad(const BackgroundInputs& in) const;
   void update_near_change(const BackgroundInputs& in);
   void detect_motion(double t);
+  void mark_bodies();
   void validate_regions(const BackgroundInputs& in);
   void compute_foreground(const Array2D<uint16_t>& shift);
 
@@ -100,6 +103,17 @@ class BackgroundModel {
     bool unknownBehind = true;
   };
   std::vector<RegionSummary> regions_;
+  Array2D<uint16_t> nearNext_;
+  Array2D<uint8_t> bodyNext_;
+  struct BodySummary {
+    int64_t area = 0;
+    int32_t pixels = 0;
+    bool left = false, right = false;  // touches that side of the image
+    double minX = std::numeric_limits<double>::max(), maxX = std::numeric_limits<double>::lowest();
+    double minY = std::numeric_limits<double>::max(), maxY = std::numeric_limits<double>::lowest();
+    bool body = false;
+  };
+  std::vector<BodySummary> bodies_;
 };
 
 }  // namespace quorvik::legacy
