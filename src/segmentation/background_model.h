@@ -3,7 +3,6 @@
 // motion detector that notices when the whole scene changes (camera moved, lights, doors).
 
 #include <cstdint>
-#include <limits>
 #include <vector>
 
 #include "segmentation/containers.h"
@@ -87,7 +86,7 @@ class BackgroundModel {
   bool frame_is_bad(const BackgroundInputs& in) const;
   void update_near_change(const BackgroundInputs& in);
   void detect_motion(double t);
-  void mark_bodies();
+  void mark_bodies(const BackgroundInputs& in);
   void validate_regions(const BackgroundInputs& in);
   void compute_foreground(const Array2D<uint16_t>& shift);
 
@@ -104,13 +103,11 @@ class BackgroundModel {
   };
   std::vector<RegionSummary> regions_;
   Array2D<uint16_t> nearNext_;
-  Array2D<uint8_t> bodyNext_;
   struct BodySummary {
-    int64_t area = 0;
+    int64_t area = 0;  // before the scale
+    int64_t depthSum = 0;
     int32_t pixels = 0;
-    bool left = false, right = false;  // touches that side of the image
-    double minX = std::numeric_limits<double>::max(), maxX = std::numeric_limits<double>::lowest();
-    double minY = std::numeric_limits<double>::max(), maxY = std::numeric_limits<double>::lowest();
+    int32_t minColumn = INT32_MAX, maxColumn = -1, minRow = INT32_MAX, maxRow = -1;
     bool body = false;
   };
   std::vector<BodySummary> bodies_;
