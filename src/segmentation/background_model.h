@@ -55,6 +55,7 @@ class BackgroundModel {
   Array2D<uint16_t> shadowRun;
   Array2D<uint32_t> absorbCounter;
   Array2D<uint16_t> nearChange;
+  Array2D<uint8_t> bodyChange;  // 1 on the near changes of regions no bigger than one person
   bool resetThisFrame = false;
   bool badFrame = false;
   bool reinitialise = false;
@@ -64,7 +65,7 @@ class BackgroundModel {
   bool untouched = true;
 
   ValueRing<double, 16> timestamps;       // seconds
-  ValueRing<int32_t, 15> foregroundChange;  // growth of the near changes per frame (mm^2)
+  ValueRing<int32_t, 15> foregroundChange;  // growth of the near changes but bodies, per frame (mm^2)
   ValueRing<uint32_t, 16> receding;         // area that moved farther than its background
   ValueRing<uint32_t, 20> newBackground;    // the part of it that had no background yet
 
@@ -85,6 +86,7 @@ class BackgroundModel {
   bool frame_is_bad(const BackgroundInputs& in) const;
   void update_near_change(const BackgroundInputs& in);
   void detect_motion(double t);
+  void mark_bodies(const BackgroundInputs& in);
   void validate_regions(const BackgroundInputs& in);
   void compute_foreground(const Array2D<uint16_t>& shift);
 
@@ -100,6 +102,15 @@ class BackgroundModel {
     bool unknownBehind = true;
   };
   std::vector<RegionSummary> regions_;
+  Array2D<uint16_t> nearNext_;
+  struct BodySummary {
+    int64_t area = 0;  // before the scale
+    int64_t depthSum = 0;
+    int32_t pixels = 0;
+    int32_t minColumn = INT32_MAX, maxColumn = -1, minRow = INT32_MAX, maxRow = -1;
+    bool body = false;
+  };
+  std::vector<BodySummary> bodies_;
 };
 
 }  // namespace quorvik::legacy
