@@ -11,6 +11,7 @@
 
 using person_scene::PersonScene;
 using person_scene::SceneEngine;
+using person_scene::id_of;
 
 namespace {
 
@@ -58,24 +59,6 @@ void coverage(const SceneEngine& run, const PersonScene& scene, int person, uint
   }
   recall = onPerson > 0 ? double(both) / onPerson : 0;
   precision = withId > 0 ? double(both) / withId : 0;
-}
-
-uint16_t id_of(const SceneEngine& run, const PersonScene& scene, int person) {
-  int x0, y0, x1, y1;
-  if (!scene.person_rect(person, x0, y0, x1, y1)) return 0;
-  const std::vector<uint8_t> mask = scene.mask_of(person);
-  int counts[11] = {};
-  for (int y = y0; y <= y1; ++y) {
-    for (int x = x0; x <= x1; ++x) {
-      const uint16_t id = run.label(x, y);
-      if (mask[size_t(y * scene.width() + x)] != 0 && id >= 1 && id <= 10) ++counts[id];
-    }
-  }
-  int best = 0;
-  for (int id = 1; id <= 10; ++id) {
-    if (counts[id] > counts[best]) best = id;
-  }
-  return uint16_t(best);
 }
 
 // Walks a person from startX to endX at depth z, one step per frame, checking every frame.

@@ -12,6 +12,7 @@
 
 using person_scene::PersonScene;
 using person_scene::SceneEngine;
+using person_scene::id_of;
 
 namespace {
 
@@ -32,24 +33,6 @@ struct Run {
   int maxActive = 0;
   int sceneChangeFrames = 0;
 };
-
-uint16_t id_of(const SceneEngine& run, const PersonScene& scene, int person) {
-  int x0, y0, x1, y1;
-  if (!scene.person_rect(person, x0, y0, x1, y1)) return 0;
-  const std::vector<uint8_t> mask = scene.mask_of(person);
-  int counts[11] = {};
-  for (int y = y0; y <= y1; ++y) {
-    for (int x = x0; x <= x1; ++x) {
-      const uint16_t id = run.label(x, y);
-      if (mask[size_t(y * scene.width() + x)] != 0 && id >= 1 && id <= 10) ++counts[id];
-    }
-  }
-  int best = 0;
-  for (int id = 1; id <= 10; ++id) {
-    if (counts[id] > counts[best]) best = id;
-  }
-  return uint16_t(best);
-}
 
 // Walks everybody from outside the view to their end point, then lets them stand for a second.
 Run walk_in(const std::vector<Walker>& walkers) {

@@ -12,7 +12,7 @@ namespace {
 
 constexpr int kLeftHand = 4, kRightHand = 7;
 
-struct SceneSpec {
+struct SceneSetup {
   uint32_t width = 320;
   bool mirrored = false;
   bool person = true;
@@ -22,7 +22,7 @@ struct SceneSpec {
 };
 
 // A level camera 1.2 m above the floor looking along +z into a bare room.
-Scenario test_scene(const SceneSpec& s) {
+Scenario test_scene(const SceneSetup& s) {
   ScenarioOptions o;
   o.name = "test";
   o.width = s.width;
@@ -73,9 +73,9 @@ Vec3 pixel_ray(const skeleton::DepthCameraModel& m, uint32_t x, uint32_t y) {
 }
 
 TEST(Render, EmptyRoomHasKnownDepthsAndRangeLimits) {
-  SceneSpec spec;
-  spec.person = false;
-  const Scenario sc = test_scene(spec);
+  SceneSetup setup;
+  setup.person = false;
+  const Scenario sc = test_scene(setup);
   Renderer r(sc, ideal_sensor());
   Frame f;
   r.render(0, f);
@@ -92,15 +92,15 @@ TEST(Render, EmptyRoomHasKnownDepthsAndRangeLimits) {
   EXPECT_FLOAT_EQ(f.floor[1], 1.f);
   EXPECT_FLOAT_EQ(f.floor[3], 1200.f);
   // A wall beyond the sensor's range gives no depth; nothing nearer than its near limit either.
-  spec.wallDepth = 12000.f;
-  const Scenario far = test_scene(spec);
+  setup.wallDepth = 12000.f;
+  const Scenario far = test_scene(setup);
   Renderer rf(far, ideal_sensor());
   rf.render(0, f);
   EXPECT_EQ(f.depth.at(160, 120), 0);
   EXPECT_EQ(f.depth.at(160, 110), 0);
-  spec.person = true;
-  spec.personDepth = 450.f;
-  const Scenario near = test_scene(spec);
+  setup.person = true;
+  setup.personDepth = 450.f;
+  const Scenario near = test_scene(setup);
   Renderer rn(near, ideal_sensor());
   rn.render(0, f);
   EXPECT_EQ(f.people[0].pixels, 0u);
@@ -219,9 +219,9 @@ TEST(Render, LabelsAndIdsFollowTheMeasuredDepth) {
 TEST(Render, JointsLieInsideTheSilhouette) {
   for (bool mirrored : {false, true}) {
     SCOPED_TRACE(mirrored);
-    SceneSpec spec;
-    spec.mirrored = mirrored;
-    const Scenario sc = test_scene(spec);
+    SceneSetup setup;
+    setup.mirrored = mirrored;
+    const Scenario sc = test_scene(setup);
     Renderer r(sc);
     Frame f;
     r.render(5, f);
@@ -277,10 +277,10 @@ TEST(Render, JointsNeverFloatOverTheBackground) {
 }
 
 TEST(Render, MirroringSwapsSidesButKeepsTheModelsLeftOnTheImageRight) {
-  SceneSpec spec;
-  const Scenario plain = test_scene(spec);
-  spec.mirrored = true;
-  const Scenario mirrored = test_scene(spec);
+  SceneSetup setup;
+  const Scenario plain = test_scene(setup);
+  setup.mirrored = true;
+  const Scenario mirrored = test_scene(setup);
   Renderer rp(plain, ideal_sensor()), rm(mirrored, ideal_sensor());
   Frame fp, fm;
   rp.render(5, fp);
@@ -335,10 +335,10 @@ std::pair<int, int> shadow_widths(const Frame& f) {
 TEST(Render, ProjectorShadowFallsAwayFromTheEmitterAndFlipsWhenMirrored) {
   SensorOptions sensor = ideal_sensor();
   sensor.shadow = true;
-  SceneSpec spec;
-  spec.person = false;
-  spec.cabinet = true;
-  const Scenario plain = test_scene(spec);
+  SceneSetup setup;
+  setup.person = false;
+  setup.cabinet = true;
+  const Scenario plain = test_scene(setup);
   Renderer rp(plain, sensor);
   Frame f;
   rp.render(0, f);
@@ -348,8 +348,8 @@ TEST(Render, ProjectorShadowFallsAwayFromTheEmitterAndFlipsWhenMirrored) {
   auto [wl, wr] = shadow_widths(f);
   EXPECT_NEAR(wl, expected, 1.0);
   EXPECT_EQ(wr, 0);
-  spec.mirrored = true;
-  const Scenario mirrored = test_scene(spec);
+  setup.mirrored = true;
+  const Scenario mirrored = test_scene(setup);
   Renderer rm(mirrored, sensor);
   rm.render(0, f);
   std::tie(wl, wr) = shadow_widths(f);

@@ -135,4 +135,7 @@ class SceneEngine {
   uint64_t index_ = 0, timestamp_ = 0;
 };
 
+// The user id (1..10) that covers most of a person's visible pixels; 0 when none does.
+uint16_t id_of(const SceneEngine& run, const PersonScene& scene, int person);
+
 }  // namespace person_scene
