@@ -7,6 +7,7 @@
 #include <emmintrin.h>
 
 #include "segmentation/min_filter.h"
+#include "segmentation/users_rules.h"
 
 namespace quorvik::legacy {
 
@@ -256,9 +257,10 @@ void BackgroundModel::update_near_change(const BackgroundInputs& in) {
 // each pixel's root, 0 off the near changes) and decides which regions are bodies.
 void BackgroundModel::mark_bodies(const BackgroundInputs& in) {
   constexpr int32_t kBodyJoinMm = 200;
-  constexpr double kBodyMaxWidthMm = 1500;
-  constexpr double kBodyMaxHeightMm = 2600;
-  constexpr int64_t kBodyMaxArea = 1500000;
+  // One person's limits are the users stage's: what it could take as a person is a body here.
+  constexpr double kBodyMaxWidthMm = users_rules::kPersonMaxWidth;
+  constexpr double kBodyMaxHeightMm = users_rules::kPersonMaxHeight;
+  constexpr int64_t kBodyMaxArea = users_rules::kPersonMaxArea;
 
   parent_.assign(1, 0);
   for (int32_t y = 0; y < height; ++y) {
