@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <cstring>
 #include <memory>
+#include <vector>
 
 namespace op {
 
@@ -58,5 +59,34 @@ class Image {
   uint32_t width_ = 0;
   uint32_t height_ = 0;
 };
+
+// Nearest neighbour: target (x, y) takes source (trunc(x * sw / W), trunc(y * sh / H)), the
+// ratios in single precision. Source rows are sw values long.
+template <typename T>
+void resample_nearest(const T* source, uint32_t sw, uint32_t sh, Image<T>& target, uint32_t width, uint32_t height) {
+  target.resize(width, height);
+  if (sw == width && sh == height) {
+    if (target.size() != 0) std::memcpy(target.data(), source, target.byte_size());
+    return;
+  }
+  const float sx = static_cast<float>(sw) / static_cast<float>(width);
+  const float sy = static_cast<float>(sh) / static_cast<float>(height);
+  // The source column of each target column is the same on every row: compute it once.
+  thread_local std::vector<uint32_t> columns;
+  columns.resize(width);
+  for (uint32_t x = 0; x < width; ++x) columns[x] = static_cast<uint32_t>(static_cast<float>(x) * sx);
+  uint32_t previousRow = UINT32_MAX;
+  for (uint32_t y = 0; y < height; ++y) {
+    const auto sourceRow = static_cast<uint32_t>(static_cast<float>(y) * sy);
+    T* dst = target.row(y);
+    if (sourceRow == previousRow) {
+      std::memcpy(dst, target.row(y - 1), size_t{width} * sizeof(T));
+      continue;
+    }
+    previousRow = sourceRow;
+    const T* src = source + size_t{sourceRow} * sw;
+    for (uint32_t x = 0; x < width; ++x) dst[x] = src[columns[x]];
+  }
+}
 
 }  // namespace op

@@ -6,29 +6,6 @@
 #include "segmentation/segmentation_engine.h"
 
 namespace quorvik::skeleton {
-namespace {
-
-// Nearest neighbour with the ratios in single precision; a plain copy when sizes agree.
-template <typename T>
-void resample(const T* src, uint32_t srcW, uint32_t srcH, op::Image<T>& dst, uint32_t dstW, uint32_t dstH) {
-  dst.resize(dstW, dstH);
-  if (srcW == dstW && srcH == dstH) {
-    std::copy(src, src + size_t{srcW} * srcH, dst.data());
-    return;
-  }
-  const float sx = static_cast<float>(srcW) / static_cast<float>(dstW);
-  const float sy = static_cast<float>(srcH) / static_cast<float>(dstH);
-  for (uint32_t y = 0; y < dstH; ++y) {
-    const auto syi = static_cast<uint32_t>(static_cast<float>(y) * sy);
-    for (uint32_t x = 0; x < dstW; ++x) {
-      const auto sxi = static_cast<uint32_t>(static_cast<float>(x) * sx);
-      dst.at(x, y) = src[size_t{syi} * srcW + sxi];
-    }
-  }
-}
-
-}  // namespace
-
 UserAnalyzer::UserAnalyzer(float hfovDegrees, float vfovDegrees, uint32_t width, uint32_t height)
     : userLabels_(width, height),
       floorMask_(width, height),
@@ -78,7 +55,7 @@ const std::vector<uint8_t>& UserAnalyzer::segment(const op::Image<uint16_t>& dep
   const uint32_t width = userLabels_.width();
   const uint32_t height = userLabels_.height();
   if (labels.data != nullptr && labels.width != 0 && labels.height != 0) {
-    resample(labels.data, labels.width, labels.height, userLabels_, width, height);
+    op::resample_nearest(labels.data, labels.width, labels.height, userLabels_, width, height);
   } else {
     userLabels_.fill(0);
   }
@@ -122,7 +99,7 @@ void UserAnalyzer::read_floor() {
   floorPlane_ = {n[0], n[1], n[2], floor.plane[3]};
   planeIsNull_ = n[0] == 0.f && n[1] == 0.f && n[2] == 0.f;
   if (floor.mask != nullptr && floor.maskWidth != 0 && floor.maskHeight != 0)
-    resample(floor.mask, floor.maskWidth, floor.maskHeight, floorMask_, floorMask_.width(), floorMask_.height());
+    op::resample_nearest(floor.mask, floor.maskWidth, floor.maskHeight, floorMask_, floorMask_.width(), floorMask_.height());
   else
     floorMask_.fill(0);
 }

@@ -1,9 +1,7 @@
 #include "tracker/body_tracker.h"
 
 #include <algorithm>
-#include <cstdint>
 #include <cstring>
-#include <vector>
 
 #include "classifier/frame_classifier.h"
 #include "op/logging.h"
@@ -42,28 +40,6 @@ void reduce_min_nonzero(const uint16_t* pixels, uint32_t width, uint32_t height,
       }
       out.at(x, y) = found ? static_cast<uint16_t>(best) : uint16_t{0};
     }
-  }
-}
-
-void resample_nearest(const op::Image<uint8_t>& source, uint32_t width, uint32_t height, op::Image<uint8_t>& target) {
-  target.resize(width, height);
-  const float sx = static_cast<float>(source.width()) / static_cast<float>(width);
-  const float sy = static_cast<float>(source.height()) / static_cast<float>(height);
-  // The source column of each target column is the same on every row: compute it once.
-  thread_local std::vector<uint32_t> columns;
-  columns.resize(width);
-  for (uint32_t x = 0; x < width; ++x) columns[x] = static_cast<uint32_t>(static_cast<float>(x) * sx);
-  uint32_t previousRow = UINT32_MAX;
-  for (uint32_t y = 0; y < height; ++y) {
-    const uint32_t sourceRow = static_cast<uint32_t>(static_cast<float>(y) * sy);
-    uint8_t* dst = target.row(y);
-    if (sourceRow == previousRow) {
-      std::memcpy(dst, target.row(y - 1), width);
-      continue;
-    }
-    previousRow = sourceRow;
-    const uint8_t* src = source.row(sourceRow);
-    for (uint32_t x = 0; x < width; ++x) dst[x] = src[columns[x]];
   }
 }
 
@@ -121,12 +97,13 @@ op::Result<op::Unit, TrackerError> BodyTracker::update(uint32_t width, uint32_t 
     bodies_ = std::move(newBodies);
   }
 
-  resample_nearest(userIdImage_, width, height, bodyMask_);
+  op::resample_nearest(userIdImage_.data(), blockWidth_, blockHeight_, bodyMask_, width, height);
   if (!userAnalyzer_.floorDetected()) {
     floorMask_.resize(width, height);
     floorMask_.fill(0);
   } else {
-    resample_nearest(userAnalyzer_.floorMask(), width, height, floorMask_);
+    const op::Image<uint8_t>& floor = userAnalyzer_.floorMask();
+    op::resample_nearest(floor.data(), floor.width(), floor.height(), floorMask_, width, height);
   }
   ++frameNumber_;
   return op::Ok(op::Unit{});

@@ -83,8 +83,6 @@ class BodyTracker {
   std::unique_ptr<FrameClassifier> classifier_;
 };
 
-// Nearest neighbour: target (x, y) takes source (trunc(x * sw / W), trunc(y * sh / H)).
-void resample_nearest(const op::Image<uint8_t>& source, uint32_t width, uint32_t height, op::Image<uint8_t>& target);
 // Each output pixel takes the smallest non-zero value of its block (0 when there is none).
 void reduce_min_nonzero(const uint16_t* pixels, uint32_t width, uint32_t height, op::Image<uint16_t>& out);
 

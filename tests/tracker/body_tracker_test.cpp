@@ -41,13 +41,13 @@ TEST(Resampling, MasksAtTwiceTheSizeRepeatIn2x2Blocks) {
   op::Image<uint8_t> mask(160, 120);
   for (size_t i = 0; i < mask.size(); ++i) mask[i] = static_cast<uint8_t>(i * 31 % 11);
   op::Image<uint8_t> big;
-  resample_nearest(mask, 320, 240, big);
+  op::resample_nearest(mask.data(), 160, 120, big, 320, 240);
   ASSERT_EQ(big.width(), 320u);
   ASSERT_EQ(big.height(), 240u);
   for (uint32_t y = 0; y < 240; ++y)
     for (uint32_t x = 0; x < 320; ++x) ASSERT_EQ(big.at(x, y), mask.at(x / 2, y / 2)) << x << "," << y;
   op::Image<uint8_t> huge;
-  resample_nearest(mask, 640, 480, huge);
+  op::resample_nearest(mask.data(), 160, 120, huge, 640, 480);
   EXPECT_EQ(huge.at(639, 479), mask.at(159, 119));
   EXPECT_EQ(huge.at(5, 6), mask.at(1, 1));
 }
