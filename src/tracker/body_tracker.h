@@ -53,6 +53,10 @@ class BodyTracker {
   const std::array<float, 4>& floorPlane() const { return userAnalyzer_.floorPlane(); }
   const std::vector<TrackedUser>& users() const { return users_; }
   uint32_t frameNumber() const { return frameNumber_; }
+  // At the processing size (160x120): the body-part label of every classified pixel and
+  // the reduced depth it was classified on, for tools that measure the classifier.
+  const op::Image<PixelLabel>& pixelLabels() const { return pixelLabels_; }
+  const op::Image<uint16_t>& processedDepth() const { return depth_; }
 
   bool isDepthMirrored = true;
 
