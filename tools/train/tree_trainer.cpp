@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cmath>
+#include <limits>
 #include <thread>
 
 #include "sim_math.h"
@@ -12,6 +13,13 @@ namespace {
 
 using skeleton::kLabelCount;
 using Histogram = std::array<double, kLabelCount>;
+
+constexpr uint32_t kMaxThresholds = 32;
+
+struct Point {
+  const ProbeImage* image;
+  uint8_t x, y, label;
+};
 
 struct Candidate {
   uint8_t kind = 0;
@@ -171,6 +179,7 @@ skeleton::DecisionTree train_tree(const TrainingSet& set, const std::vector<uint
     std::vector<Choice> itemBest(items.size());
     std::atomic<size_t> next{0};
     auto work = [&] {
+      std::vector<Point> points;
       std::vector<float> values;
       std::vector<float> cuts;
       std::vector<Histogram> bins;
@@ -188,12 +197,25 @@ skeleton::DecisionTree train_tree(const TrainingSet& set, const std::vector<uint
           if (parent[l] > 0) present.push_back(l);
         }
         const double parentEntropy = entropy(parent, present);
-        const uint32_t thresholds = std::min<uint32_t>(o.thresholds, static_cast<uint32_t>(count / 4 + 1));
+        const uint32_t thresholds =
+            std::min<uint32_t>({o.thresholds, kMaxThresholds, static_cast<uint32_t>(count / 4 + 1)});
         Choice best;
+        // The node's samples gathered once per item, so the candidate loop reads them in order.
+        points.resize(count);
+        for (size_t j = 0; j < count; ++j) {
+          const Sample& sample = sample_at(n.subset[j]);
+          points[j] = Point{&set.images[sample.image], sample.x, sample.y, sample.label};
+        }
         values.resize(count);
         for (uint32_t c = item.first; c < item.last; ++c) {
           const Candidate& cand = n.candidates[c];
-          for (size_t j = 0; j < count; ++j) values[j] = feature_value(set, sample_at(n.subset[j]), cand.kind, cand.offsets);
+          if (cand.kind == 0) {
+            for (size_t j = 0; j < count; ++j) values[j] = points[j].image->probe(points[j].x, points[j].y, cand.offsets);
+          } else {
+            for (size_t j = 0; j < count; ++j) {
+              values[j] = skeleton::get_frame_feature_value(cand.kind, points[j].x, points[j].y, points[j].image->statistics);
+            }
+          }
           sim::Rng rng(sim::mix64(n.node * 131071ull + c) ^ o.seed);
           cuts.clear();
           for (uint32_t t = 0; t < thresholds; ++t) {
@@ -205,11 +227,18 @@ skeleton::DecisionTree train_tree(const TrainingSet& set, const std::vector<uint
           if (cuts.empty()) continue;
           std::sort(cuts.begin(), cuts.end());
           cuts.erase(std::unique(cuts.begin(), cuts.end()), cuts.end());
+          // The bin of a value is the number of cuts at or below it: counted over a padded
+          // table without branches, which beats a binary search's mispredictions here.
+          float table[kMaxThresholds];
+          std::fill(std::begin(table), std::end(table), std::numeric_limits<float>::infinity());
+          std::copy(cuts.begin(), cuts.end(), table);
           bins.assign(cuts.size() + 1, Histogram{});
           for (size_t j = 0; j < count; ++j) {
             // A value below the cut goes to the first child, as the tree kernels decide.
-            const size_t bin = static_cast<size_t>(std::upper_bound(cuts.begin(), cuts.end(), values[j]) - cuts.begin());
-            const uint8_t l = sample_at(n.subset[j]).label;
+            const float v = values[j];
+            uint32_t bin = 0;
+            for (uint32_t k = 0; k < kMaxThresholds; ++k) bin += v >= table[k] ? 1u : 0u;
+            const uint8_t l = points[j].label;
             bins[bin][l] += weights[l];
           }
           // bins[k] holds values in [cuts[k-1], cuts[k]); left of cut k = bins 0..k.

@@ -18,7 +18,7 @@ struct TreeOptions {
   uint32_t minSplit = 40;        // nodes with fewer samples become leaves
   uint32_t minLeaf = 8;          // a split must leave each child this many samples
   uint32_t offsetCandidates = 400;
-  uint32_t thresholds = 24;      // per candidate
+  uint32_t thresholds = 24;      // per candidate, at most 32
   uint32_t nodeSubsample = 60000;  // big nodes choose their split on a random subset
   float maxOffset = 900.f;       // probe offsets in the file's units (about 1.1 mm at the user's depth)
   float pruneBelow = 0.01f;      // leaf probabilities under this are dropped (smaller file)
