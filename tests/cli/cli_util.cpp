@@ -63,11 +63,11 @@ void write_recording(const std::string& dir, const std::string& scenario, int fr
   writer.finish();
 }
 
-RunResult run_qbt(const std::string& args) {
+RunResult run_qbt(const std::string& args, const std::string& environment) {
   static int serial = 0;
   const fs::path base = fs::temp_directory_path() / ("qbt-cli-run-" + std::to_string(::getpid()) + "-" + std::to_string(serial++));
   const std::string outPath = base.string() + ".out", errPath = base.string() + ".err";
-  const std::string cmd = std::string("'") + QBT_CLI_EXE + "' " + args + " >'" + outPath + "' 2>'" + errPath + "' </dev/null";
+  const std::string cmd = environment + " '" + QBT_CLI_EXE + "' " + args + " >'" + outPath + "' 2>'" + errPath + "' </dev/null";
   const int status = std::system(cmd.c_str());
   RunResult r;
   r.code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;

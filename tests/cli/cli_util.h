@@ -36,7 +36,8 @@ struct RunResult {
   std::string out, err;
 };
 
-// Runs the built qbt with the arguments (already shell-quoted where needed).
-RunResult run_qbt(const std::string& args);
+// Runs the built qbt with the arguments (already shell-quoted where needed), with
+// `environment` ("NAME=value ...") set for it.
+RunResult run_qbt(const std::string& args, const std::string& environment = "");
 
 }  // namespace cli_test

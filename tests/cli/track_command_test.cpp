@@ -137,9 +137,18 @@ TEST_F(TrackCommand, JsonLinesFollowTheSchemaAndPicturesAreWritten) {
   EXPECT_TRUE(fs::exists(fs::path(path("pics")) / "contact_sheet.png"));
   EXPECT_TRUE(fs::exists(fs::path(path("pics")) / "overlay.gif"));
 
-  // The same output drawn again from the JSON alone.
-  const cli_test::RunResult rr = cli_test::run_qbt("render " + path("rec") + " " + path("out.jsonl") + " --out " + path("again"));
+  // The same output drawn again from the JSON alone, with a stand-in for ffmpeg that keeps
+  // the raw frames it is given.
+  fs::create_directories(path("bin"));
+  {
+    std::ofstream fake(path("bin") + "/ffmpeg");
+    fake << "#!/bin/sh\nfor last; do :; done\ncat > \"$last\"\n";
+  }
+  fs::permissions(path("bin") + "/ffmpeg", fs::perms::owner_all);
+  const cli_test::RunResult rr = cli_test::run_qbt("render " + path("rec") + " " + path("out.jsonl") + " --out " +
+                                                   path("again"), "PATH=" + path("bin") + ":/usr/bin:/bin");
   ASSERT_EQ(rr.code, 0) << rr.err;
+  EXPECT_EQ(fs::file_size(fs::path(path("again")) / "overlay.mp4"), 45u * 320 * 240 * 3);
   size_t pngs = 0;
   for (const auto& e : fs::directory_iterator(path("again"))) pngs += e.path().filename().string().rfind("overlay_", 0) == 0;
   EXPECT_EQ(pngs, 45u);

@@ -20,8 +20,9 @@ constexpr float kPi = 3.14159265f;
 float facing_camera(float x, float z) { return std::atan2(-x, -z); }
 
 struct FrameSummary {
-  std::string line;   // one line for the frame
-  std::string event;  // bodies that started or were lost, empty when none
+  std::string line;     // one line for the frame
+  std::string compact;  // the bodies in brief, for the progress bar
+  std::string event;    // bodies that started or were lost, empty when none
 };
 
 FrameSummary summarize(const TrackedFrame& f) {
@@ -34,6 +35,7 @@ FrameSummary summarize(const TrackedFrame& f) {
       high += j.status == QBT_JOINT_STATUS_HIGH;
     }
     s.line += fmt::format("  | id {} {:<15} {:2d}/16 joints ({:2d} high)", b.id, body_status_name(b.status), tracked, high);
+    s.compact += fmt::format(" | id {} {} {}/16", b.id, body_status_name(b.status), tracked);
     if (b.status == QBT_BODY_STATUS_TRACKING_STARTED)
       s.event += fmt::format("frame {:4d}: body {} tracking started\n", f.index, b.id);
     if (b.status == QBT_BODY_STATUS_TRACKING_LOST)
@@ -48,7 +50,7 @@ void progress(std::FILE* out, int done, int total, const std::string& status) {
   const int filled = total > 0 ? done * kWidth / total : kWidth;
   std::string bar(static_cast<size_t>(filled), '#');
   bar.resize(kWidth, '-');
-  fmt::print(out, "\r\x1b[K[{}] {:3d}% {}", bar, total > 0 ? done * 100 / total : 100, status.substr(0, 60));
+  fmt::print(out, "\r\x1b[K[{}] {:3d}% {}", bar, total > 0 ? done * 100 / total : 100, status.substr(0, 80));
   std::fflush(out);
 }
 
@@ -169,7 +171,7 @@ int run_demo(const DemoOptions& options, std::FILE* out, bool terminal) {
     const FrameSummary s = summarize(tracked);
     if (terminal) {
       if (!s.event.empty()) fmt::print(out, "\r\x1b[K{}", s.event);
-      progress(out, i + 1, options.frames, fmt::format("frame {}/{}, {} bodies", i + 1, options.frames, tracked.bodies.size()));
+      progress(out, i + 1, options.frames, fmt::format("frame {}/{}{}", i + 1, options.frames, s.compact));
     } else {
       fmt::print(out, "{}\n", s.line);
     }

@@ -76,7 +76,7 @@ void PictureWriter::add(const RgbImage& overlay, int frameIndex) {
       const std::string cmd = shell_quote(ffmpeg_) + " -y -loglevel error -f rawvideo -pix_fmt rgb24 -s " +
                               std::to_string(width_) + "x" + std::to_string(height_) + " -r " +
                               std::to_string(static_cast<int>(std::lround(options_.fps))) +
-                              " -i - -pix_fmt yuv420p -vf scale=trunc(iw/2)*2:trunc(ih/2)*2 " +
+                              " -i - -pix_fmt yuv420p -vf 'scale=trunc(iw/2)*2:trunc(ih/2)*2' " +
                               shell_quote((fs::path(options_.dir) / "overlay.mp4").string());
       video_ = ::popen(cmd.c_str(), "w");
     }
@@ -89,7 +89,7 @@ void PictureWriter::add(const RgbImage& overlay, int frameIndex) {
   if (video_ != nullptr && std::fwrite(overlay.pixels.data(), 1, overlay.pixels.size(), video_) != overlay.pixels.size()) {
     ::pclose(video_);
     video_ = nullptr;
-    ffmpeg_.clear();
+    std::fprintf(stderr, "qbt: ffmpeg stopped reading frames, so there is no overlay.mp4\n");
   }
   if (added_ % step_ == 0) {
     tiles_.push_back(overlay);
@@ -116,7 +116,10 @@ std::vector<std::string> PictureWriter::finish() {
   if (video_ != nullptr) {
     const int status = ::pclose(video_);
     video_ = nullptr;
-    if (status == 0) written.push_back((fs::path(options_.dir) / "overlay.mp4").string());
+    if (status == 0)
+      written.push_back((fs::path(options_.dir) / "overlay.mp4").string());
+    else
+      std::fprintf(stderr, "qbt: ffmpeg failed, so there is no overlay.mp4 (the GIF and PNGs are complete)\n");
   }
   return written;
 }
