@@ -64,6 +64,11 @@ TEST_F(Errors, RecordingsThatCannotBeTracked) {
   std::ofstream(path("notpng") + "/frame.png") << "hello";
   expect_failure("track " + path("notpng") + data, 2, {"not a PNG"});
 
+  // A header that reads well over pixel data cut short: found while tracking.
+  write_frames(path("cut"), 160, 120, 2);
+  fs::resize_file(path("cut") + "/depth_000001.png", 60);
+  expect_failure("track " + path("cut") + data, 2, {"cannot decode", "depth_000001.png"});
+
   write_frames(path("mixed"), 320, 240, 2);
   write_frames(path("mixed"), 640, 480, 1, "depth_1");
   expect_failure("track " + path("mixed") + data, 2, {"mixed frame sizes", "320x240", "640x480"});

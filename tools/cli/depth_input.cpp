@@ -24,7 +24,7 @@ class PngFolder : public DepthInput {
     count_ = static_cast<int>(files_.size());
     for (size_t i = 0; i < files_.size(); ++i) {
       const PngHeader h = read_png_header(files_[i].string());
-      if (h.colourType != 0 || h.bitDepth != 16) {
+      if (h.colourType != 0 || h.bitDepth != 16 || h.interlaced) {
         uint32_t w = 0, hh = 0;
         read_depth_png(files_[i].string(), w, hh);  // throws with the full explanation
       }

@@ -32,8 +32,9 @@ const char* colour_name(int colourType) {
 PngHeader read_png_header(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
   if (!in) throw CliError(kExitInput, "cannot read " + path + ": the file does not exist or is not readable");
-  // Signature, then the IHDR chunk: length, type, width, height, bit depth, colour type.
-  unsigned char head[26] = {};
+  // Signature, then the IHDR chunk: length, type, width, height, bit depth, colour type,
+  // compression, filter, interlace.
+  unsigned char head[29] = {};
   in.read(reinterpret_cast<char*>(head), sizeof(head));
   static constexpr unsigned char kSignature[8] = {0x89, 'P', 'N', 'G', 0x0D, 0x0A, 0x1A, 0x0A};
   if (in.gcount() != static_cast<std::streamsize>(sizeof(head)) || std::memcmp(head, kSignature, 8) != 0 ||
@@ -44,6 +45,7 @@ PngHeader read_png_header(const std::string& path) {
   h.height = big_endian32(head + 20);
   h.bitDepth = head[24];
   h.colourType = head[25];
+  h.interlaced = head[28] != 0;
   return h;
 }
 
@@ -54,6 +56,8 @@ std::vector<uint16_t> read_depth_png(const std::string& path, uint32_t& width, u
                                    " PNG; depth frames must be 16-bit greyscale PNGs holding millimetres "
                                    "(an 8-bit or colour picture of depth has lost the distances)");
   }
+  if (h.interlaced)
+    throw CliError(kExitInput, path + " is an interlaced PNG; save the depth frames without interlacing");
   op::Image<uint16_t> image;
   try {
     image = sim::read_png16(path);

@@ -11,6 +11,7 @@ struct PngHeader {
   uint32_t width = 0, height = 0;
   int bitDepth = 0;
   int colourType = 0;  // PNG colour type: 0 grey, 2 RGB, 3 palette, 4 grey+alpha, 6 RGBA
+  bool interlaced = false;
 };
 
 // Reads the image header only. Throws CliError (input) when the file cannot be read or is
@@ -18,7 +19,8 @@ struct PngHeader {
 PngHeader read_png_header(const std::string& path);
 
 // A depth frame in millimetres. Throws CliError (input) with a message that says what is
-// wrong: unreadable, not a PNG, 8-bit or colour instead of 16-bit greyscale, corrupt.
+// wrong: unreadable, not a PNG, 8-bit or colour instead of 16-bit greyscale, interlaced,
+// corrupt.
 std::vector<uint16_t> read_depth_png(const std::string& path, uint32_t& width, uint32_t& height);
 
 struct RgbImage {

@@ -104,8 +104,11 @@ Tracker::Tracker(const std::string& dataFile, bool mirrored) : dataFile_(dataFil
   options.dataFilePath = dataFile_.c_str();
   if (qbt_bodytracker_create(&options, &tracker_) != QBT_RESULT_SUCCESS)
     throw CliError(kExitTracking, "cannot create a tracker: " + library_message());
-  if (qbt_bodytracker_set_is_depth_mirrored(tracker_, mirrored) != QBT_RESULT_SUCCESS)
-    throw CliError(kExitTracking, "cannot set the mirroring: " + library_message());
+  if (qbt_bodytracker_set_is_depth_mirrored(tracker_, mirrored) != QBT_RESULT_SUCCESS) {
+    const std::string why = library_message();
+    qbt_bodytracker_destroy(&tracker_);
+    throw CliError(kExitTracking, "cannot set the mirroring: " + why);
+  }
 }
 
 Tracker::~Tracker() { qbt_bodytracker_destroy(&tracker_); }
