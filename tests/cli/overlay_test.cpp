@@ -115,7 +115,7 @@ TEST(JsonLines, RoundTripAndRefusals) {
   s.frame.floorDetected = true;
   s.frame.plane = {0.f, 0.9962f, 0.0872f, 1195.3f};
   s.frame.bodies[0].joints[QBT_JOINT_HEAD].world[0] = -12.345f;
-  const nlohmann::json j = quorvik::cli::frame_to_json(s.frame);
+  const auto j = quorvik::cli::frame_to_json(s.frame);
   const TrackedFrame back = quorvik::cli::frame_from_json(nlohmann::json::parse(j.dump()));
   EXPECT_EQ(back.index, 41);
   EXPECT_TRUE(back.floorDetected);

@@ -163,6 +163,7 @@ TEST_F(TrackCommand, RangeStdoutAndRawFramesAgree) {
   ASSERT_EQ(png.code, 0) << png.err;
   const std::vector<json> frames = parse_lines(png.out);
   ASSERT_EQ(frames.size(), 10u);
+  EXPECT_EQ(png.out.rfind("{\"frame\":10,\"bodies\":", 0), 0u) << "keys in the documented order";
   for (size_t i = 0; i < frames.size(); ++i) EXPECT_EQ(frames[i]["frame"].get<int>(), static_cast<int>(10 + i));
 
   // The same frames as one raw file give the same lines.

@@ -1,9 +1,10 @@
 #include "gif_writer.h"
 
 #include <algorithm>
+#include <climits>
+#include <cstdint>
 #include <cstdlib>
 #include <stdexcept>
-#include <unordered_map>
 
 #include "cli_error.h"
 
@@ -84,9 +85,16 @@ std::vector<uint8_t> gif_lzw_encode(const std::vector<uint8_t>& indices, int min
   BitPacker bits(out);
   const uint32_t clear = 1u << minCodeSize, end = clear + 1;
   constexpr uint32_t kMaxCodes = 4096;
-  // (prefix code << 8 | next index) -> code of the longer string.
-  std::unordered_map<uint32_t, uint16_t> table;
-  table.reserve(kMaxCodes * 2);
+  // (prefix code << 8 | next index) -> code of the longer string, open addressing at most
+  // half full, so a clear costs one small fill.
+  constexpr uint32_t kSlots = kMaxCodes * 2;
+  std::vector<uint32_t> keys(kSlots, UINT32_MAX);
+  std::vector<uint16_t> codes(kSlots, 0);
+  auto slot_of = [&](uint32_t key) {
+    uint32_t h = (key * 2654435761u) >> 19;  // 13 bits
+    while (keys[h] != UINT32_MAX && keys[h] != key) h = (h + 1) & (kSlots - 1);
+    return h;
+  };
   int codeSize = minCodeSize + 1;
   uint32_t next = clear + 2;
   bits.put(clear, codeSize);
@@ -99,20 +107,21 @@ std::vector<uint8_t> gif_lzw_encode(const std::vector<uint8_t>& indices, int min
   for (size_t i = 1; i < indices.size(); ++i) {
     const uint8_t c = indices[i];
     const uint32_t key = prefix << 8 | c;
-    const auto found = table.find(key);
-    if (found != table.end()) {
-      prefix = found->second;
+    const uint32_t slot = slot_of(key);
+    if (keys[slot] == key) {
+      prefix = codes[slot];
       continue;
     }
     bits.put(prefix, codeSize);
-    table.emplace(key, static_cast<uint16_t>(next));
+    keys[slot] = key;
+    codes[slot] = static_cast<uint16_t>(next);
     ++next;
     // The decoder adds each entry one code later than this, so it widens its codes when
     // its table is one entry fuller than a power of two holds.
     if (next > (1u << codeSize) && codeSize < 12) ++codeSize;
     if (next == kMaxCodes) {
       bits.put(clear, codeSize);
-      table.clear();
+      std::fill(keys.begin(), keys.end(), UINT32_MAX);
       codeSize = minCodeSize + 1;
       next = clear + 2;
     }

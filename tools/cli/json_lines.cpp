@@ -27,10 +27,10 @@ void read_numbers(const nlohmann::json& j, float (&out)[N], const std::string& w
 
 }  // namespace
 
-nlohmann::json frame_to_json(const TrackedFrame& frame) {
-  nlohmann::json bodies = nlohmann::json::array();
+nlohmann::ordered_json frame_to_json(const TrackedFrame& frame) {
+  nlohmann::ordered_json bodies = nlohmann::ordered_json::array();
   for (const TrackedBody& body : frame.bodies) {
-    nlohmann::json joints = nlohmann::json::array();
+    nlohmann::ordered_json joints = nlohmann::ordered_json::array();
     for (const TrackedJoint& j : body.joints) {
       joints.push_back({{"type", joint_name(j.type)},
                         {"status", joint_status_name(j.status)},
@@ -39,7 +39,7 @@ nlohmann::json frame_to_json(const TrackedFrame& frame) {
     }
     bodies.push_back({{"id", body.id}, {"status", body_status_name(body.status)}, {"joints", std::move(joints)}});
   }
-  nlohmann::json plane = nlohmann::json::array();
+  nlohmann::ordered_json plane = nlohmann::ordered_json::array();
   for (float v : frame.plane) plane.push_back(std::round(static_cast<double>(v) * 1e4) / 1e4);
   return {{"frame", frame.index},
           {"bodies", std::move(bodies)},

@@ -11,7 +11,8 @@
 
 namespace quorvik::cli {
 
-nlohmann::json frame_to_json(const TrackedFrame& frame);
+// Keys in the documented order: frame, bodies, floor.
+nlohmann::ordered_json frame_to_json(const TrackedFrame& frame);
 // Throws CliError (input) naming what is missing or malformed.
 TrackedFrame frame_from_json(const nlohmann::json& j);
 // Every line of a JSON Lines file; `name` is used in messages. Throws CliError (input).

@@ -116,6 +116,22 @@ RgbImage render_overlay(const uint16_t* depth, uint32_t width, uint32_t height, 
   std::vector<skeleton::WorldPoint> world(n);
   camera.to_world(depth, width, height, world.data());
   static constexpr uint8_t kFloorTint[3] = {40, 120, 255};
+  // Each body's box of tracked joints, widened by the reach: most pixels fall outside all.
+  struct Box {
+    float lo[3], hi[3];
+  };
+  std::vector<Box> boxes;
+  for (const TrackedBody& body : frame.bodies) {
+    Box b{{1e9f, 1e9f, 1e9f}, {-1e9f, -1e9f, -1e9f}};
+    for (const TrackedJoint& j : body.joints) {
+      if (j.status == QBT_JOINT_STATUS_NONE) continue;
+      for (int c = 0; c < 3; ++c) {
+        b.lo[c] = std::min(b.lo[c], j.world[c] - kBodyReachMm);
+        b.hi[c] = std::max(b.hi[c], j.world[c] + kBodyReachMm);
+      }
+    }
+    boxes.push_back(b);
+  }
   for (uint32_t y = 0; y < height; ++y)
     for (uint32_t x = 0; x < width; ++x) {
       const size_t i = size_t{y} * width + x;
@@ -126,7 +142,12 @@ RgbImage render_overlay(const uint16_t* depth, uint32_t width, uint32_t height, 
       if (!haveMask) {
         const float p[3] = {world[i].x, world[i].y, world[i].z};
         float best = kBodyReachMm;
-        for (const TrackedBody& body : frame.bodies)
+        for (size_t k = 0; k < frame.bodies.size(); ++k) {
+          const TrackedBody& body = frame.bodies[k];
+          const Box& box = boxes[k];
+          if (p[0] < box.lo[0] || p[0] > box.hi[0] || p[1] < box.lo[1] || p[1] > box.hi[1] || p[2] < box.lo[2] ||
+              p[2] > box.hi[2])
+            continue;
           for (const BoneEnds& bone : skeleton_bones()) {
             const TrackedJoint& a = body.joints[bone.a];
             const TrackedJoint& b = body.joints[bone.b];
@@ -137,6 +158,7 @@ RgbImage render_overlay(const uint16_t* depth, uint32_t width, uint32_t height, 
               id = body.id;
             }
           }
+        }
       }
       if (id != 0) {
         uint8_t c[3];
