@@ -78,6 +78,12 @@ TEST(Overlay, MaskColoursSkeletonAndHoles) {
   const RgbImage dim = quorvik::cli::render_overlay(s.depth.data(), kW, kH, s.frame);
   EXPECT_LT(dim.at(80, 35)[0], 255);
   EXPECT_GT(dim.at(80, 35)[0], body[0] / 2);
+
+  // A joint placed absurdly far off (a corrupt file) draws nothing rather than a long line.
+  s.frame.bodies[0].joints[QBT_JOINT_HEAD].depth[0] = 1e9f;
+  const RgbImage far = quorvik::cli::render_overlay(s.depth.data(), kW, kH, s.frame);
+  EXPECT_NE(far.at(80, 35)[0], 255);
+  EXPECT_EQ(far.at(80, 60)[0], 255) << "the other bones are still drawn";
 }
 
 TEST(Overlay, WithoutMasksTheSkeletonAndPlaneStandIn) {

@@ -34,6 +34,14 @@ void dot(RgbImage& img, int cx, int cy, int r, const uint8_t rgb[3], float w) {
         blend(img.at(static_cast<uint32_t>(x), static_cast<uint32_t>(y)), rgb, w);
 }
 
+// Whether a joint's image position is one a picture can sensibly use (joints may be
+// extrapolated beyond the image, but not arbitrarily far).
+bool drawable(const TrackedJoint& j, const RgbImage& img) {
+  const float limit = 4.f * static_cast<float>(std::max(img.width, img.height));
+  return std::isfinite(j.depth[0]) && std::isfinite(j.depth[1]) && std::fabs(j.depth[0]) < limit &&
+         std::fabs(j.depth[1]) < limit;
+}
+
 void line(RgbImage& img, float x0, float y0, float x1, float y1, int thickness, const uint8_t rgb[3], float w) {
   const float len = std::max(std::fabs(x1 - x0), std::fabs(y1 - y0));
   const int steps = std::max(1, static_cast<int>(std::ceil(len)));
@@ -180,13 +188,14 @@ RgbImage render_overlay(const uint16_t* depth, uint32_t width, uint32_t height, 
       const TrackedJoint& a = body.joints[bone.a];
       const TrackedJoint& b = body.joints[bone.b];
       if (a.status == QBT_JOINT_STATUS_NONE || b.status == QBT_JOINT_STATUS_NONE) continue;
+      if (!drawable(a, img) || !drawable(b, img)) continue;
       const bool solid = a.status == QBT_JOINT_STATUS_HIGH && b.status == QBT_JOINT_STATUS_HIGH;
       line(img, a.depth[0], a.depth[1], b.depth[0], b.depth[1], thickness, kWhite, solid ? 1.f : 0.45f);
     }
     uint8_t c[3];
     body_colour(body.id, c);
     for (const TrackedJoint& j : body.joints) {
-      if (j.status == QBT_JOINT_STATUS_NONE) continue;
+      if (j.status == QBT_JOINT_STATUS_NONE || !drawable(j, img)) continue;
       dot(img, static_cast<int>(std::lround(j.depth[0])), static_cast<int>(std::lround(j.depth[1])), thickness, c,
           j.status == QBT_JOINT_STATUS_HIGH ? 1.f : 0.5f);
     }
