@@ -5,7 +5,7 @@
 
 #include <algorithm>
 #include <cmath>
-#include <map>
+#include <functional>
 #include <filesystem>
 #include <sstream>
 #include <string>
@@ -61,74 +61,75 @@ TEST(DemoScene, BothPeopleComeInAndOneLeaves) {
   EXPECT_EQ(visible(269), 1) << "one has left by the end";
 }
 
-// Two people standing after walking in, tracked through the shared library: the reported
-// joints are in the simulator's camera space (x right, y up, z forward), in a plain and in
-// a mirrored recording.
+// Runs the demo scene, plain or mirrored, through a tracker frame by frame.
+void track_demo(const std::string& data, int frames, bool mirrored,
+                const std::function<void(const TrackedFrame&, const quorvik::sim::Frame&)>& each) {
+  const quorvik::sim::Scenario demo = quorvik::cli::demo_scenario(frames);
+  quorvik::sim::ScenarioOptions o = demo.options();
+  o.mirrored = mirrored;
+  quorvik::sim::CameraSetup camera = demo.camera();
+  camera.mirrored = mirrored;
+  const quorvik::sim::Scenario sc(o, camera, demo.room(), demo.actors());
+  quorvik::sim::Renderer renderer(sc);
+  quorvik::cli::Tracker tracker(data, mirrored);
+  quorvik::sim::Frame f;
+  for (int i = 0; i < frames; ++i) {
+    renderer.render(i, f);
+    each(tracker.update(f.depth.data(), f.depth.width(), f.depth.height(), i), f);
+  }
+}
+
+float distance(const float a[3], const quorvik::skeleton::WorldPoint& b) {
+  return std::hypot(a[0] - b.x, a[1] - b.y, a[2] - b.z);
+}
+
+// Two people standing after walking in: the reported joints are in the simulator's camera
+// space (x right, y up, z forward) in a plain and in a mirrored recording. The hand-made
+// forest knows no sides, so only the middle of the body is compared.
 TEST(DemoScoring, TrackedJointsLandOnTheTruthInBothMirrorings) {
   cli_test::ScratchDir dir("score");
   cli_test::write_box_forest(dir / "box.data");
-  const quorvik::sim::Scenario demo = quorvik::cli::demo_scenario(125);
   for (bool mirrored : {false, true}) {
     SCOPED_TRACE(mirrored ? "mirrored" : "plain");
-    quorvik::sim::ScenarioOptions o = demo.options();
-    o.mirrored = mirrored;
-    quorvik::sim::CameraSetup camera = demo.camera();
-    camera.mirrored = mirrored;
-    const quorvik::sim::Scenario sc(o, camera, demo.room(), demo.actors());
-    quorvik::sim::Renderer renderer(sc);
-    quorvik::cli::Tracker tracker(dir / "box.data", mirrored);
-    quorvik::sim::Frame f;
     TrackedFrame t;
-    for (int i = 0; i < o.frames; ++i) {
-      renderer.render(i, f);
-      t = tracker.update(f.depth.data(), f.depth.width(), f.depth.height(), i);
-    }
+    quorvik::sim::Frame f;
+    track_demo(dir / "box.data", 125, mirrored, [&](const TrackedFrame& tf, const quorvik::sim::Frame& sf) {
+      t = tf;
+      f = sf;
+    });
     ASSERT_EQ(t.bodies.size(), 2u);
     for (const auto& body : t.bodies) {
-      SCOPED_TRACE(static_cast<int>(body.id));
-      // The person under most of the body's mask.
-      std::map<uint8_t, int> votes;
-      for (size_t i = 0; i < t.bodyMask.size(); ++i)
-        if (t.bodyMask[i] == body.id && f.ids[i] != 0) ++votes[f.ids[i]];
-      ASSERT_FALSE(votes.empty());
-      const uint8_t person = std::max_element(votes.begin(), votes.end(), [](auto& a, auto& b) { return a.second < b.second; })->first;
-      const auto& truth = *std::find_if(f.people.begin(), f.people.end(), [&](auto& p) { return p.id == person; });
-      // The hand-made forest knows no sides, so only the middle of the body is compared.
       int compared = 0;
-      for (int joint : {QBT_JOINT_HEAD, QBT_JOINT_SHOULDER_SPINE, QBT_JOINT_MID_SPINE}) {
-        const auto& j = body.joints[static_cast<size_t>(joint)];
+      for (size_t joint : {QBT_JOINT_HEAD, QBT_JOINT_SHOULDER_SPINE, QBT_JOINT_MID_SPINE}) {
+        const auto& j = body.joints[joint];
         if (j.status == QBT_JOINT_STATUS_NONE) continue;
         ++compared;
-        const auto& p = truth.joints[static_cast<size_t>(joint)].camera;
-        EXPECT_NEAR(j.world[0], p.x, 250.f) << joint;
-        EXPECT_NEAR(j.world[1], p.y, 250.f) << joint;
-        EXPECT_NEAR(j.world[2], p.z, 350.f) << joint;
+        float nearest = 1e9f;
+        for (const auto& p : f.people) nearest = std::min(nearest, distance(j.world, p.joints[joint].camera));
+        EXPECT_LT(nearest, 300.f) << "body " << int(body.id) << " joint " << joint;
       }
       EXPECT_GE(compared, 2);
     }
 
-    JointScore score;
-    quorvik::cli::score_frame(t, f, mirrored, score, 100000.f);
-    EXPECT_EQ(score.bodies, 2u);
+    JointScore all;
+    quorvik::cli::score_frame(t, f, mirrored, all, 100000.f);
+    EXPECT_EQ(all.bodies, 2u);
     uint64_t reported = 0, high = 0;
     for (const auto& b : t.bodies)
       for (const auto& j : b.joints) {
         reported += j.status != QBT_JOINT_STATUS_NONE;
         high += j.status == QBT_JOINT_STATUS_HIGH;
       }
-    EXPECT_EQ(score.allTotal, reported);
-    EXPECT_EQ(score.highTotal, high);
-    EXPECT_EQ(score.allNear, score.allTotal) << "every joint is within any distance";
-    JointScore tight;
-    quorvik::cli::score_frame(t, f, mirrored, tight, 0.f);
-    EXPECT_EQ(tight.allNear, 0u);
-
-    // Without the body mask no body can be matched to a person.
-    TrackedFrame noMask = t;
-    noMask.bodyMask.clear();
+    EXPECT_EQ(all.allTotal, reported);
+    EXPECT_EQ(all.highTotal, high);
+    EXPECT_EQ(all.allNear, all.allTotal) << "every joint is within any distance";
     JointScore none;
-    quorvik::cli::score_frame(noMask, f, mirrored, none);
-    EXPECT_EQ(none.bodies, 0u);
+    quorvik::cli::score_frame(t, f, mirrored, none, 0.f);
+    EXPECT_EQ(none.allNear, 0u);
+    t.bodyMask.clear();
+    JointScore unmatched;
+    quorvik::cli::score_frame(t, f, mirrored, unmatched);
+    EXPECT_EQ(unmatched.bodies, 0u) << "without the body mask no body is matched to a person";
   }
 }
 
@@ -137,24 +138,13 @@ TEST(DemoScoring, TrackedJointsLandOnTheTruthInBothMirrorings) {
 TEST(DemoScoring, SidesFollowTheMirroringWithTheShippedForest) {
   const std::string data = std::string(QBT_SOURCE_DIR) + "/data/QuorvikBodyTracking.data";
   if (!fs::exists(data)) GTEST_SKIP() << "no trained data file in the repository yet";
-  const quorvik::sim::Scenario demo = quorvik::cli::demo_scenario(150);
   for (bool mirrored : {false, true}) {
     SCOPED_TRACE(mirrored ? "mirrored" : "plain");
-    quorvik::sim::ScenarioOptions o = demo.options();
-    o.mirrored = mirrored;
-    quorvik::sim::CameraSetup camera = demo.camera();
-    camera.mirrored = mirrored;
-    const quorvik::sim::Scenario sc(o, camera, demo.room(), demo.actors());
-    quorvik::sim::Renderer renderer(sc);
-    quorvik::cli::Tracker tracker(data, mirrored);
-    quorvik::sim::Frame f;
     JointScore right, swapped;
-    for (int i = 0; i < o.frames; ++i) {
-      renderer.render(i, f);
-      const TrackedFrame t = tracker.update(f.depth.data(), f.depth.width(), f.depth.height(), i);
+    track_demo(data, 150, mirrored, [&](const TrackedFrame& t, const quorvik::sim::Frame& f) {
       quorvik::cli::score_frame(t, f, mirrored, right);
       quorvik::cli::score_frame(t, f, !mirrored, swapped);
-    }
+    });
     EXPECT_GT(right.allTotal, 1000u);
     EXPECT_GT(right.allNear, swapped.allNear + right.allTotal / 20);
   }

@@ -102,22 +102,6 @@ TEST(GifLzw, RoundTripsImagesOfEveryKind) {
   }
 }
 
-TEST(GifLzw, PaletteKeepsGreysAndPrimaryColours) {
-  const std::vector<uint8_t>& p = quorvik::cli::gif_palette();
-  ASSERT_EQ(p.size(), 256u * 3);
-  for (int g = 0; g < 256; g += 5) {
-    const uint8_t i = quorvik::cli::gif_palette_index(static_cast<uint8_t>(g), static_cast<uint8_t>(g), static_cast<uint8_t>(g));
-    SCOPED_TRACE(g);
-    EXPECT_EQ(p[i * 3], p[i * 3 + 1]);
-    EXPECT_EQ(p[i * 3], p[i * 3 + 2]);
-    EXPECT_LE(std::abs(p[i * 3] - g), 4);
-  }
-  const uint8_t orange = quorvik::cli::gif_palette_index(255, 140, 0);
-  EXPECT_EQ(p[orange * 3], 255);
-  EXPECT_LE(std::abs(p[orange * 3 + 1] - 140), 26);
-  EXPECT_EQ(p[orange * 3 + 2], 0);
-}
-
 struct ParsedGif {
   uint32_t width = 0, height = 0;
   std::vector<std::vector<uint8_t>> frames;  // palette indices
