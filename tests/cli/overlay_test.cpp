@@ -7,7 +7,6 @@
 
 #include <gtest/gtest.h>
 
-#include "cli_error.h"
 #include "json_lines.h"
 
 namespace {
@@ -115,36 +114,28 @@ TEST(Overlay, ContactSheetTilesInRows) {
   EXPECT_EQ(sheet.at(4 + 84 + 40, 4 + 128 + 40)[0], 24) << "and nothing follows it";
 }
 
-TEST(JsonLines, RoundTripAndRefusals) {
+// Every field survives the trip through a line of text (to the rounding of two decimals).
+TEST(JsonLines, RoundTrip) {
   Scene s;
   s.frame.index = 41;
   s.frame.floorDetected = true;
   s.frame.plane = {0.f, 0.9962f, 0.0872f, 1195.3f};
-  s.frame.bodies[0].joints[QBT_JOINT_HEAD].world[0] = -12.345f;
-  const auto j = quorvik::cli::frame_to_json(s.frame);
-  const TrackedFrame back = quorvik::cli::frame_from_json(nlohmann::json::parse(j.dump()));
+  s.frame.bodies[0].joints[QBT_JOINT_RIGHT_FOOT] = {QBT_JOINT_RIGHT_FOOT, QBT_JOINT_STATUS_LOW, {3.f, 4.f}, {-12.345f, 6.f, 7.f}};
+  const TrackedFrame back = quorvik::cli::frame_from_json(nlohmann::json::parse(quorvik::cli::frame_to_json(s.frame).dump()));
   EXPECT_EQ(back.index, 41);
   EXPECT_TRUE(back.floorDetected);
   EXPECT_FLOAT_EQ(back.plane[3], 1195.3f);
   ASSERT_EQ(back.bodies.size(), 1u);
   EXPECT_EQ(back.bodies[0].id, 2);
   EXPECT_EQ(back.bodies[0].status, QBT_BODY_STATUS_TRACKING);
-  for (int k = 0; k < QBT_JOINT_COUNT; ++k) {
+  for (size_t k = 0; k < QBT_JOINT_COUNT; ++k) {
     SCOPED_TRACE(k);
-    const auto& a = s.frame.bodies[0].joints[static_cast<size_t>(k)];
-    const auto& b = back.bodies[0].joints[static_cast<size_t>(k)];
+    const auto& a = s.frame.bodies[0].joints[k];
+    const auto& b = back.bodies[0].joints[k];
     EXPECT_EQ(b.type, k);
     EXPECT_EQ(b.status, a.status);
+    for (int c = 0; c < 2; ++c) EXPECT_NEAR(b.depth[c], a.depth[c], 0.0051f);
     for (int c = 0; c < 3; ++c) EXPECT_NEAR(b.world[c], a.world[c], 0.0051f);
-  }
-
-  for (const char* broken : {R"({"frame": 1, "bodies": [], "floor": {"detected": 1, "plane": [0,0,0,0]}})",
-                             R"({"frame": 1, "bodies": [{"id": 1, "status": "Tracking", "joints": []}],
-                                 "floor": {"detected": false, "plane": [0,0,0,0]}})",
-                             R"({"frame": 1, "bodies": [], "floor": {"detected": false, "plane": [0,0,0]}})",
-                             R"({"frame": 1.5, "bodies": [], "floor": {"detected": false, "plane": [0,0,0,0]}})"}) {
-    SCOPED_TRACE(broken);
-    EXPECT_THROW(quorvik::cli::frame_from_json(nlohmann::json::parse(broken)), quorvik::cli::CliError);
   }
 }
 
