@@ -73,6 +73,8 @@ void track(const TrackOptions& o) {
     const std::string line = frame_to_json(frame).dump();
     std::fputs(line.c_str(), out);
     std::fputc('\n', out);
+    if (std::ferror(out))  // a full disk, or a reader that went away
+      throw CliError(kExitOutput, "cannot write " + (o.out.empty() ? std::string("to standard output") : o.out));
     if (pictures) pictures->add(render_overlay(depth.data(), s.width, s.height, frame), i);
   }
   if (std::fflush(out) != 0) throw CliError(kExitOutput, "cannot write " + (o.out.empty() ? std::string("the output") : o.out));
