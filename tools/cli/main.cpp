@@ -1,0 +1,15 @@
+// qbt: the command line of Quorvik Body Tracking.
+
+#include <CLI/CLI.hpp>
+
+#include "commands.h"
+
+int main(int argc, char** argv) {
+  CLI::App app{"qbt: track people in depth recordings with Quorvik Body Tracking"};
+  app.require_subcommand(1);
+  quorvik::cli::add_demo_command(app);
+  quorvik::cli::add_track_command(app);
+  quorvik::cli::add_render_command(app);
+  quorvik::cli::add_info_command(app);
+  return quorvik::cli::run(app, argc, argv);
+}
