@@ -209,6 +209,7 @@ nlohmann::json to_json(const std::vector<CaseResult>& results) {
     c["mirrored"] = r.evalCase.options.mirrored;
     if (r.evalCase.cameraHeight) c["camera_height_mm"] = *r.evalCase.cameraHeight;
     if (r.evalCase.pitchDeg) c["camera_pitch_deg"] = *r.evalCase.pitchDeg;
+    c["enter_first"] = r.evalCase.enterFirst;
     c["track_ms_per_frame"] = r.tally.frames == 0 ? 0.0 : 1000.0 * r.trackSeconds / static_cast<double>(r.tally.frames);
     trackSeconds += r.trackSeconds;
     cases.push_back(c);

@@ -22,6 +22,9 @@ struct EvalCase {
   // stays, so they remain in front of it.
   std::optional<float> cameraHeight;
   std::optional<float> pitchDeg;
+  // Gesture scenarios start with everyone standing in view from the first frame; with this
+  // each person first walks in from the side to that place and then makes the gestures.
+  bool enterFirst = false;
 };
 
 // The full benchmark and the short one the CI runs.
