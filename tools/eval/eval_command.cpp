@@ -101,6 +101,7 @@ struct BenchArgs {
   std::string data;
   bool json = false;
   int frames = 90;
+  uint64_t seed = BenchOptions{}.seed;
   std::vector<uint32_t> widths{160, 320, 640};
   std::vector<int> people{1, 2};
 };
@@ -109,6 +110,7 @@ void run_bench(const BenchArgs& a, const DataResolver& resolve) {
   const skeleton::DecisionForest forest = load(a.data, resolve);
   BenchOptions options;
   options.frames = a.frames;
+  options.seed = a.seed;
   options.widths = a.widths;
   options.people = a.people;
   for (uint32_t w : options.widths) {
@@ -197,6 +199,7 @@ void add_bench_command(CLI::App& app, quorvik::eval::DataResolver resolveData) {
   add_data_option(*sub, args->data, resolveData);
   sub->add_flag("--json", args->json, "print the results as JSON");
   sub->add_option("--frames", args->frames, "timed frames per row")->capture_default_str()->check(CLI::Range(1, 100000));
+  sub->add_option("--seed", args->seed, "seed of the simulated recordings")->capture_default_str();
   sub->add_option("--widths", args->widths, "frame widths (multiples of 160)")->capture_default_str();
   sub->add_option("--people", args->people, "people counts")->capture_default_str();
   sub->callback([args, resolveData] {

@@ -88,14 +88,18 @@ std::vector<StageTiming> time_stages(const DecisionForest& forest, const BenchOp
   std::vector<StageTiming> rows;
   for (uint32_t width : options.widths) {
     for (int people : options.people) {
-      sim::ScenarioOptions o;
-      o.name = "turn";  // everyone stays in view
-      o.people = people;
-      o.width = width;
-      o.height = width * 3 / 4;
-      o.frames = options.warmup + options.frames;
-      o.seed = options.seed;
-      const sim::Scenario scenario = sim::Scenario::make(o);
+      // People turning on the spot stay in view; they walk in first, as people standing
+      // still from the first frame may stay part of the background.
+      EvalCase c;
+      c.options.name = "turn";
+      c.options.people = people;
+      c.options.width = width;
+      c.options.height = width * 3 / 4;
+      c.options.frames = options.warmup + options.frames;
+      c.options.seed = options.seed;
+      c.enterFirst = true;
+      const sim::ScenarioOptions& o = c.options;
+      const sim::Scenario scenario = build_scenario(c);
       sim::Renderer renderer(scenario);
       BodyTracker tracker(TrackerOptions{}, copy_forest(forest), 160, 120);
       tracker.isDepthMirrored = false;

@@ -34,7 +34,7 @@ struct StageTiming {
 struct BenchOptions {
   std::vector<uint32_t> widths{160, 320, 640};
   std::vector<int> people{1, 2};
-  int warmup = 45;  // frames before timing, for the people to be found
+  int warmup = 150;  // frames before timing: the people walk in and are found
   int frames = 90;
   uint64_t seed = 7;
 };
