@@ -24,7 +24,8 @@ double ms_since(Clock::time_point t) { return std::chrono::duration<double, std:
 class SteppedTracker {
  public:
   explicit SteppedTracker(const DecisionForest* forest)
-      : camera_(58.59f * kDegreesToRadians, 45.64f * kDegreesToRadians, 160.f, 120.f),
+      : forest_(forest),
+        camera_(58.59f * kDegreesToRadians, 45.64f * kDegreesToRadians, 160.f, 120.f),
         tables_(build_conversion_tables({})),
         analyzer_(58.59f, 45.64f, 160, 120),
         classifier_(forest),
@@ -45,6 +46,11 @@ class SteppedTracker {
     ms[2] += ms_since(t);
     labels_.fill(PixelLabel{});
     userIds_.fill(0);
+    // Without trees the tracker classifies nobody and fits no skeleton.
+    if (forest_->tree_count() == 0) {
+      ++frame_;
+      return;
+    }
     for (TrackedUser& user : users_) {
       if (user.lost != 0) continue;
       t = Clock::now();
@@ -62,6 +68,7 @@ class SteppedTracker {
   }
 
  private:
+  const DecisionForest* forest_;
   DepthCameraModel camera_;
   ConversionTables tables_;
   UserAnalyzer analyzer_;
