@@ -98,9 +98,11 @@ std::vector<EvalCase> full_cases() {
 
 std::vector<EvalCase> quick_cases() {
   return {
-      make_case("walk-in", "walk-in", 1, 320, 120, 201, false),
-      make_case("crossing 2 mirrored", "crossing", 2, 160, 150, 202, true),
+      make_case("walk-in", "walk-in", 1, 320, 180, 201, false),
+      make_case("crossing 2 mirrored", "crossing", 2, 160, 180, 202, true),
       entering(make_case("wave", "wave", 1, 640, 180, 203, false)),
+      make_case("sit", "sit", 1, 320, 240, 204, false),
+      make_case("empty-room", "empty-room", 0, 160, 90, 205, false),
   };
 }
 
