@@ -16,8 +16,13 @@ namespace {
 // code CLI11 would end with (0 when parsing and the command succeed).
 int run(std::vector<std::string> args, DataResolver resolve = {}) {
   CLI::App app;
-  add_eval_command(app, resolve);
-  add_bench_command(app, resolve);
+  if (resolve) {
+    add_eval_command(app, resolve);
+    add_bench_command(app, resolve);
+  } else {
+    add_eval_command(app);
+    add_bench_command(app);
+  }
   std::vector<const char*> argv{"qbt"};
   for (const std::string& a : args) argv.push_back(a.c_str());
   try {

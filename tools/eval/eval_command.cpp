@@ -63,6 +63,8 @@ struct EvalArgs {
 };
 
 void run_eval(const EvalArgs& a, const DataResolver& resolve) {
+  // Read before the run, so that a wrong path does not cost a whole evaluation.
+  const nlohmann::json floors = a.quick ? read_json(a.floorFile) : nlohmann::json{};
   const Evaluator evaluator(load(a.data, resolve));
   const std::vector<EvalCase> cases = a.quick ? quick_cases() : full_cases();
   const auto start = std::chrono::steady_clock::now();
@@ -90,7 +92,7 @@ void run_eval(const EvalArgs& a, const DataResolver& resolve) {
     std::cerr << "wrote floors to " << a.writeFloor << "\n";
   }
   if (a.quick) {
-    const std::vector<std::string> failures = check_floors(metrics, read_json(a.floorFile));
+    const std::vector<std::string> failures = check_floors(metrics, floors);
     for (const std::string& f : failures) std::cerr << "quick eval below its floor: " << f << "\n";
     if (!failures.empty()) throw CLI::RuntimeError(kExitBelowFloor);
     std::cerr << "quick eval: every metric within the floors of " << a.floorFile << "\n";
@@ -169,6 +171,9 @@ std::vector<std::string> write_plots(const std::string& dir, const std::vector<C
 }
 
 }  // namespace quorvik::eval
+
+void add_eval_command(CLI::App& app) { add_eval_command(app, quorvik::eval::DataResolver{}); }
+void add_bench_command(CLI::App& app) { add_bench_command(app, quorvik::eval::DataResolver{}); }
 
 void add_eval_command(CLI::App& app, quorvik::eval::DataResolver resolveData) {
   using namespace quorvik::eval;

@@ -23,6 +23,9 @@ std::vector<std::string> write_plots(const std::string& dir, const std::vector<C
 }  // namespace quorvik::eval
 
 // A failed floor check or a data file that cannot be loaded ends the subcommand with a
-// CLI::RuntimeError carrying a non-zero exit code.
-void add_eval_command(CLI::App& app, quorvik::eval::DataResolver resolveData = {});
-void add_bench_command(CLI::App& app, quorvik::eval::DataResolver resolveData = {});
+// CLI::RuntimeError carrying a non-zero exit code (1: below a floor, 2: usage or output,
+// 3: data file). Without a resolver --data is required.
+void add_eval_command(CLI::App& app);
+void add_bench_command(CLI::App& app);
+void add_eval_command(CLI::App& app, quorvik::eval::DataResolver resolveData);
+void add_bench_command(CLI::App& app, quorvik::eval::DataResolver resolveData);
