@@ -1,5 +1,6 @@
 #include "report.h"
 
+#include <fstream>
 #include <sstream>
 
 #include <gtest/gtest.h>
@@ -73,6 +74,24 @@ TEST(Floors, AMissingMetricFailsAndOtherSectionsAreIgnored) {
   ASSERT_EQ(failures.size(), 1u);
   EXPECT_NE(failures[0].find("part_accuracy"), std::string::npos);
   EXPECT_TRUE(check_floors(m, nlohmann::json::object()).empty());
+}
+
+// The stored floors name only metrics a run produces, each in the section of its direction.
+TEST(Floors, TheStoredQuickFloorsAreWellFormed) {
+  std::ifstream in(std::string(QBT_SOURCE_DIR) + "/tools/eval/quick_floor.json");
+  ASSERT_TRUE(in.good());
+  const nlohmann::json floors = nlohmann::json::parse(in);
+  const auto known = headline(sample_tally());
+  ASSERT_TRUE(floors.contains("min"));
+  for (const char* section : {"min", "max"}) {
+    if (!floors.contains(section)) continue;
+    for (const auto& [name, bound] : floors[section].items()) {
+      SCOPED_TRACE(name);
+      EXPECT_EQ(known.count(name), 1u);
+      EXPECT_EQ(higher_is_better(name), std::string(section) == "min");
+      EXPECT_TRUE(bound.is_number());
+    }
+  }
 }
 
 TEST(Report, TableAndJsonCarryEveryScenario) {
