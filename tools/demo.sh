@@ -3,4 +3,4 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 tools/setup.sh
-exec build/examples/qbt_example_demo "$@"
+exec build/tools/cli/qbt demo "$@"

@@ -3,6 +3,8 @@
 #include <CLI/CLI.hpp>
 
 #include "commands.h"
+#include "eval_command.h"
+#include "tracking.h"
 
 int main(int argc, char** argv) {
   CLI::App app{"qbt: track people in depth recordings with Quorvik Body Tracking"};
@@ -11,5 +13,7 @@ int main(int argc, char** argv) {
   quorvik::cli::add_track_command(app);
   quorvik::cli::add_render_command(app);
   quorvik::cli::add_info_command(app);
+  add_eval_command(app, quorvik::cli::find_data_file);
+  add_bench_command(app, quorvik::cli::find_data_file);
   return quorvik::cli::run(app, argc, argv);
 }

@@ -16,8 +16,9 @@ struct ForestOptions {
   uint32_t trees = 3;
   TreeOptions tree;
   std::string workDir;  // empty: nothing kept between trees
-  // Identifies the whole run (set and tree options); a work folder made by another run is
-  // refused instead of mixing trees of two runs.
+  // Identifies the run (set and tree options, not the tree count: tree t depends only on
+  // them and t, so a finished run can be extended by more trees); a work folder made by
+  // another run is refused instead of mixing trees of two runs.
   std::string fingerprint;
 };
 

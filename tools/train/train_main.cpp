@@ -57,9 +57,9 @@ int main(int argc, char** argv) {
   forest.tree.threads = threads;
   forest.fingerprint = fmt::format(
       "frames {} seed {} per-scenario {} step {} per-label {} min-pixels {} max-turn {}\n"
-      "trees {} depth {} candidates {} thresholds {} min-split {} min-leaf {} subsample {} max-offset {} prune {} "
+      "depth {} candidates {} thresholds {} min-split {} min-leaf {} subsample {} max-offset {} prune {} "
       "kinds {} tree-seed {}\n",
-      set.frames, set.firstSeed, set.framesPerScenario, set.frameStep, set.perLabel, set.minPixels, set.maxTurnDegrees, forest.trees,
+      set.frames, set.firstSeed, set.framesPerScenario, set.frameStep, set.perLabel, set.minPixels, set.maxTurnDegrees,
       forest.tree.maxDepth, forest.tree.offsetCandidates, forest.tree.thresholds, forest.tree.minSplit,
       forest.tree.minLeaf, forest.tree.nodeSubsample, forest.tree.maxOffset, forest.tree.pruneBelow,
       forest.tree.statisticKinds, forest.tree.seed);
