@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <cmath>
 #include <filesystem>
 #include <sstream>
 
@@ -8,6 +9,7 @@
 #include "forest/forest_reader.h"
 #include "forest/forest_writer.h"
 #include "forest/input_stream.h"
+#include "forest_eval.h"
 #include "forest_trainer.h"
 #include "renderer.h"
 #include "scene.h"
@@ -264,6 +266,27 @@ TEST(ForestTrainer, BootstrapsImagesAndResumesFromItsWorkFolder) {
   o.fingerprint = "run 2";
   EXPECT_THROW(train_forest(set, o), std::runtime_error);
   std::filesystem::remove_all(dir);
+}
+
+TEST(ForestScore, CountsOnlyPartPixelsAndNamesTheWorstPart) {
+  ForestScore s;
+  s.confusion[6][6] = 90;   // head: 90 right, 10 taken for the neck
+  s.confusion[6][21] = 10;
+  s.confusion[2][2] = 30;   // left hand: 30 right, 20 never labelled, 50 taken for the right hand
+  s.confusion[2][0] = 20;
+  s.confusion[2][4] = 50;
+  s.confusion[1][1] = 1000;  // carried objects are not a body part
+  EXPECT_EQ(s.total(), 200u);
+  EXPECT_DOUBLE_EQ(s.accuracy(), 120.0 / 200.0);
+  EXPECT_DOUBLE_EQ(s.recall(6), 0.9);
+  EXPECT_DOUBLE_EQ(s.precision(4), 0.0);
+  EXPECT_TRUE(std::isnan(s.recall(9)));
+  EXPECT_TRUE(std::isnan(s.precision(9)));
+  uint8_t worst = 0;
+  EXPECT_DOUBLE_EQ(s.min_part_recall(&worst), 0.3);
+  EXPECT_EQ(worst, 2);
+  const std::string table = format_confusion(s);
+  EXPECT_NE(table.find("   2   20   .  30   .  50"), std::string::npos) << table;
 }
 
 }  // namespace

@@ -17,6 +17,7 @@ int main(int argc, char** argv) {
   HeldOutOptions o;
   o.threads = std::max(1u, std::thread::hardware_concurrency());
   double minAccuracy = 0, minRecall = 0;
+  bool confusion = false;
   app.add_option("DATAFILE", path, "forest data file")->required();
   app.add_option("--seed", o.firstSeed, "first held-out scenario seed")->capture_default_str();
   app.add_option("--scenarios", o.scenarios, "held-out scenarios")->capture_default_str();
@@ -26,6 +27,7 @@ int main(int argc, char** argv) {
   app.add_option("--threads", o.threads, "classifier threads")->capture_default_str();
   app.add_option("--min-accuracy", minAccuracy, "exit 3 when the pixel accuracy (percent) is lower");
   app.add_option("--min-recall", minRecall, "exit 3 when any part's recall (percent) is lower");
+  app.add_flag("--confusion", confusion, "also print the whole confusion matrix");
   CLI11_PARSE(app, argc, argv);
 
   auto loaded = quorvik::skeleton::load_forest(path);
@@ -37,6 +39,7 @@ int main(int argc, char** argv) {
   const quorvik::skeleton::DecisionForest forest = loaded.unwrap();
   const ForestScore score = evaluate_forest(forest, o);
   fmt::print("{}", format_score(score));
+  if (confusion) fmt::print("\n{}", format_confusion(score));
   const double accuracy = 100 * score.accuracy();
   const double recall = 100 * score.min_part_recall();
   if (!(accuracy >= minAccuracy) || !(recall >= minRecall)) {

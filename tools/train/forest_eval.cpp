@@ -154,4 +154,22 @@ std::string format_score(const ForestScore& s) {
   return out;
 }
 
+std::string format_confusion(const ForestScore& s) {
+  std::string out = "truth \\ predicted, percent of the row (0: left without a part)\n     ";
+  for (uint8_t p = 0; p <= kLastPart; ++p) out += fmt::format("{:>4}", p);
+  out += "\n";
+  for (uint8_t l = 1; l <= kLastPart; ++l) {
+    uint64_t row = 0;
+    for (uint64_t v : s.confusion[l]) row += v;
+    if (row == 0) continue;
+    out += fmt::format("{:>4} ", l);
+    for (uint8_t p = 0; p <= kLastPart; ++p) {
+      const double share = 100.0 * static_cast<double>(s.confusion[l][p]) / static_cast<double>(row);
+      out += share >= 0.5 ? fmt::format("{:>4.0f}", share) : std::string("   .");
+    }
+    out += "\n";
+  }
+  return out;
+}
+
 }  // namespace quorvik::train

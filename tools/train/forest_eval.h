@@ -40,5 +40,7 @@ ForestScore evaluate_forest(const skeleton::DecisionForest& forest, const HeldOu
 
 // A table: overall accuracy, per-label recall and precision, and the worst confusions.
 std::string format_score(const ForestScore& score);
+// The whole confusion matrix, rows (truth) in percent of the row, labels 0 to 27.
+std::string format_confusion(const ForestScore& score);
 
 }  // namespace quorvik::train
