@@ -6,6 +6,7 @@
 
 #include <fmt/format.h>
 
+#include "body.h"
 #include "cli_error.h"
 #include "forest/forest_reader.h"
 #include "forest/input_stream.h"
@@ -17,13 +18,6 @@ namespace {
 constexpr const char* kFeatureNames[13] = {"Offset",      "RadialDistance", "RelativeX",   "RelativeY", "XOverHeight",
                                            "YOverHeight", "WidthRatio",     "HeightRatio", "Border",    "TopEdge",
                                            "BottomEdge",  "LeftEdge",       "RightEdge"};
-constexpr const char* kPartNames[28] = {
-    "no person",       "carried object", "left hand",        "left forearm",       "right hand",
-    "right forearm",   "head",           "left upper arm",   "right upper arm",    "left upper leg",
-    "left lower leg",  "left foot",      "right upper leg",  "right lower leg",    "right foot",
-    "left hip",        "right hip",      "left torso",       "right torso",        "left lower torso",
-    "right lower torso", "neck",         "left shoulder",    "right shoulder",     "left knee",
-    "right knee",      "left elbow",     "right elbow"};
 
 uint8_t arg_max(const skeleton::LabelDistribution& d) {
   uint8_t best = 0;
@@ -35,7 +29,6 @@ uint8_t arg_max(const skeleton::LabelDistribution& d) {
 }  // namespace
 
 const char* feature_kind_name(int kind) { return kind >= 0 && kind < 13 ? kFeatureNames[kind] : "unknown"; }
-const char* body_part_name(int label) { return label >= 0 && label < 28 ? kPartNames[label] : "unused"; }
 
 ForestInfo describe_forest(const skeleton::DecisionForest& forest) {
   ForestInfo info;
@@ -92,7 +85,7 @@ void print_forest_info(std::ostream& out, const std::string& path, const ForestI
   out << "\nleaves by most likely label\n";
   for (size_t l = 0; l < info.leafLabels.size(); ++l) {
     if (info.leafLabels[l] == 0) continue;
-    out << fmt::format("{:>5} {:<18} {:>8} {:>6.1f}%\n", l, body_part_name(static_cast<int>(l)), info.leafLabels[l],
+    out << fmt::format("{:>5} {:<18} {:>8} {:>6.1f}%\n", l, sim::label_name(static_cast<int>(l)), info.leafLabels[l],
                        100.0 * static_cast<double>(info.leafLabels[l]) / static_cast<double>(std::max<uint64_t>(1, leaves)));
   }
   out << "\nsplits by feature kind\n";

@@ -32,7 +32,6 @@ ForestInfo describe_data_file(const std::string& path);
 
 const char* feature_kind_name(int kind);
 // What the simulator's training labels stand for ("head", "left hand", ...).
-const char* body_part_name(int label);
 
 void print_forest_info(std::ostream& out, const std::string& path, const ForestInfo& info);
 

@@ -466,4 +466,15 @@ void pose_body(const BodyShape& shape, const Pose& pose, bool swap, PosedBody& o
   }
 }
 
+const char* label_name(int label) {
+  static constexpr const char* kNames[28] = {
+      "no person",       "carried object",    "left hand",      "left forearm",   "right hand",
+      "right forearm",   "head",              "left upper arm", "right upper arm", "left upper leg",
+      "left lower leg",  "left foot",         "right upper leg", "right lower leg", "right foot",
+      "left hip",        "right hip",         "left torso",     "right torso",    "left lower torso",
+      "right lower torso", "neck",            "left shoulder",  "right shoulder", "left knee",
+      "right knee",      "left elbow",        "right elbow"};
+  return label >= 0 && label < 28 ? kNames[label] : "unused";
+}
+
 }  // namespace quorvik::sim

@@ -96,6 +96,8 @@ struct Labeler {
   Vec3 thighA[2], thighB[2];  // skirt: hips and knees
 };
 uint8_t label_at(const Labeler& l, Vec3 p);
+// Name of a body-part label (0 to 27, model sides) for tables; "unused" for others.
+const char* label_name(int label);
 
 // Joint positions (anatomical sides, indexed by JointType value) and the parts of a posed body.
 struct PosedBody {

@@ -9,6 +9,7 @@
 
 #include "classifier/frame_classifier.h"
 #include "op/thread_pool.h"
+#include "body.h"
 #include "renderer.h"
 #include "scene.h"
 #include "training_set.h"
@@ -18,15 +19,6 @@ namespace {
 
 constexpr uint8_t kFirstPart = 2;
 constexpr uint8_t kLastPart = 27;
-
-// Label names in the model's sides, for tables.
-constexpr const char* kLabelNames[28] = {
-    "none",          "object",        "left hand",      "left forearm",  "right hand",
-    "right forearm", "head",          "left upper arm", "right upper arm", "left thigh",
-    "left shin",     "left foot",     "right thigh",    "right shin",    "right foot",
-    "left hip",      "right hip",     "left torso",     "right torso",   "left belly",
-    "right belly",   "neck",          "left shoulder",  "right shoulder", "left knee",
-    "right knee",    "left elbow",    "right elbow"};
 
 }  // namespace
 
@@ -132,7 +124,7 @@ std::string format_score(const ForestScore& s) {
   out += fmt::format("pixel accuracy (labels 2-27): {:.1f}%\n", 100.0 * s.accuracy());
   uint8_t worst = 0;
   const double minRecall = s.min_part_recall(&worst);
-  out += fmt::format("lowest part recall: {:.1f}% ({})\n\n", 100.0 * minRecall, kLabelNames[worst]);
+  out += fmt::format("lowest part recall: {:.1f}% ({})\n\n", 100.0 * minRecall, sim::label_name(worst));
   out += fmt::format("{:>5}  {:<16} {:>9} {:>8} {:>9}  {}\n", "label", "part", "pixels", "recall", "precision",
                      "most often taken for");
   for (uint8_t l = 1; l <= kLastPart; ++l) {
@@ -147,8 +139,8 @@ std::string format_score(const ForestScore& s) {
         otherCount = s.confusion[l][p];
       }
     }
-    out += fmt::format("{:>5}  {:<16} {:>9} {:>7.1f}% {:>8.1f}%  {} ({:.1f}%)\n", l, kLabelNames[l], row,
-                       100.0 * s.recall(l), 100.0 * s.precision(l), other < 28 ? kLabelNames[other] : "?",
+    out += fmt::format("{:>5}  {:<16} {:>9} {:>7.1f}% {:>8.1f}%  {} ({:.1f}%)\n", l, sim::label_name(l), row,
+                       100.0 * s.recall(l), 100.0 * s.precision(l), sim::label_name(other),
                        100.0 * static_cast<double>(otherCount) / static_cast<double>(row));
   }
   return out;
