@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "classifier/arch/dispatch.h"
+#include "kernel_builds.h"
 #include "classifier/frame_classifier.h"
 #include "classifier/classifier_fixtures.h"  // tests/classifier
 #include "forest/forest_fixtures.h"
@@ -42,34 +43,10 @@ Setup& setup() {
   return s;
 }
 
-// Null when the processor cannot run the build.
-const ArchVariant* build_for(int64_t index) {
-  static const char* const names[] = {"arch_null", "arch_sse2", "arch_sse4p1",
-                                      "arch_avx",  "arch_avx2", "arch_fma3"};
-  static std::vector<ArchVariant> variants = arch_variants();
-  const uint32_t features = detect_cpu_features();
-  for (const ArchVariant& v : variants) {
-    if (std::string(v.name) == names[index]) {
-      return (v.required & ~features) == 0 ? &v : nullptr;
-    }
-  }
-  return nullptr;
-}
-
 void BM_ClassifyUser(benchmark::State& state) {
   Setup& s = setup();
-  std::unique_ptr<ScopedKernelOverride> forced;
-  if (state.range(0) < 6) {
-    const ArchVariant* build = build_for(state.range(0));
-    if (build == nullptr) {
-      state.SkipWithError("build not supported by this processor");
-      return;
-    }
-    forced = std::make_unique<ScopedKernelOverride>(build->entry);
-    state.SetLabel(build->name);
-  } else {
-    state.SetLabel(std::string("dispatch:") + active_arch_name());
-  }
+  const std::unique_ptr<ScopedKernelOverride> forced = force_kernel_build(state, state.range(0));
+  if (state.error_occurred()) return;
   FrameClassifier classifier(&s.forest);
   op::Image<PixelLabel> labels(160, 120);
   op::Image<uint8_t> ids(160, 120);
@@ -92,7 +69,7 @@ BENCHMARK(BM_ClassifyUser)->DenseRange(0, 6)->Unit(benchmark::kMicrosecond);
 // One tree over the step-2 grid of the user, on the calling thread.
 void BM_EvaluateTreeLevel1(benchmark::State& state) {
   Setup& s = setup();
-  const ArchVariant* build = build_for(state.range(0));
+  const ArchVariant* build = kernel_build(state.range(0));
   if (build == nullptr) {
     state.SkipWithError("build not supported by this processor");
     return;

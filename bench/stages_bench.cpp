@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "classifier/arch/dispatch.h"
+#include "kernel_builds.h"
 #include "classifier/frame_classifier.h"
 #include "forest/forest_fixtures.h"  // tests/forest
 #include "forest/forest_reader.h"
@@ -138,15 +139,6 @@ void BM_UsersAndFloor(benchmark::State& state) {
 }
 BENCHMARK(BM_UsersAndFloor)->Arg(1)->Arg(2)->ArgName("people")->Unit(benchmark::kMicrosecond);
 
-// Null when the processor cannot run the build.
-const ArchVariant* build_for(int64_t index) {
-  static const char* const names[] = {"arch_null", "arch_sse2", "arch_sse4p1", "arch_avx", "arch_avx2", "arch_fma3"};
-  static const std::vector<ArchVariant> variants = arch_variants();
-  const uint32_t features = detect_cpu_features();
-  for (const ArchVariant& v : variants)
-    if (std::string(v.name) == names[index]) return (v.required & ~features) == 0 ? &v : nullptr;
-  return nullptr;
-}
 
 // One simulated user classified with each kernel build (0 baseline, 1 SSE2, 2 SSE4.1,
 // 3 AVX, 4 AVX2, 5 FMA, 6 the dispatcher's choice).
@@ -157,18 +149,8 @@ void BM_ClassifySimulatedUser(benchmark::State& state) {
     state.SkipWithError("the users stage found nobody");
     return;
   }
-  std::unique_ptr<ScopedKernelOverride> forced;
-  if (state.range(0) < 6) {
-    const ArchVariant* build = build_for(state.range(0));
-    if (build == nullptr) {
-      state.SkipWithError("build not supported by this processor");
-      return;
-    }
-    forced = std::make_unique<ScopedKernelOverride>(build->entry);
-    state.SetLabel(build->name);
-  } else {
-    state.SetLabel(std::string("dispatch:") + active_arch_name());
-  }
+  const std::unique_ptr<ScopedKernelOverride> forced = force_kernel_build(state, state.range(0));
+  if (state.error_occurred()) return;
   FrameClassifier classifier(&forest());
   op::ThreadPool pool;
   op::Image<PixelLabel> labels(160, 120);
