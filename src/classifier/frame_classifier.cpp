@@ -23,10 +23,6 @@ constexpr int64_t kWaitWarnMs = 500;
 // Neighbours nearer than this in depth may lend their label to an unfinished pixel.
 constexpr int kFillDepthLimit = 100;
 
-bool contains(std::span<const uint16_t> list, uint16_t value) {
-  return std::find(list.begin(), list.end(), value) != list.end();
-}
-
 // Tasks of one set: the group the pool waits on, plus a count of our own, so that a task
 // the pool refused (which cancels the group) and which therefore ran on the calling
 // thread cannot make the caller return while queued tasks still use its data. The first
@@ -148,6 +144,10 @@ void FrameClassifier::classify_segments(const op::Image<uint16_t>& depth,
     box[2] = std::max(box[2], x);
     box[3] = std::max(box[3], y);
   };
+  // Which labels are target and which context, looked up per pixel instead of searching
+  // both lists; the table is cleared again below, touching only the listed labels.
+  for (uint16_t label : target_labels) label_bits_[label] |= kTargetPixel;
+  for (uint16_t label : context_labels) label_bits_[label] |= kContextPixel;
   for (int32_t y = 0; y < h; ++y) {
     const uint16_t* d = depth.row(static_cast<uint32_t>(y));
     const uint16_t* l = label_map.row(static_cast<uint32_t>(y));
@@ -155,11 +155,12 @@ void FrameClassifier::classify_segments(const op::Image<uint16_t>& depth,
     for (int32_t x = 0; x < w; ++x) {
       uint8_t bits = 0;
       if (d[x] != 0) {
-        if (contains(target_labels, l[x])) {
+        const uint8_t member = label_bits_[l[x]];
+        if (member & kTargetPixel) {
           bits |= kTargetPixel;
           grow(target_box, x, y);
         }
-        if (contains(context_labels, l[x])) {
+        if (member & kContextPixel) {
           bits |= kContextPixel;
           grow(context_box, x, y);
         }
@@ -167,6 +168,8 @@ void FrameClassifier::classify_segments(const op::Image<uint16_t>& depth,
       f[x] = bits;
     }
   }
+  for (uint16_t label : target_labels) label_bits_[label] = 0;
+  for (uint16_t label : context_labels) label_bits_[label] = 0;
   // 2. Nothing to classify, or nothing a probe could read.
   if (target_box[0] > target_box[2] || context_box[0] > context_box[2]) return;
   const int32_t x0 = target_box[0], y0 = target_box[1];
@@ -290,7 +293,9 @@ void FrameClassifier::classify_subframe_LOD_parallel(const op::Image<uint16_t>& 
   const uint64_t workers = pool.threadCount();
   if (workers == 0) throw std::logic_error("FrameClassifier: the pool has no worker");
   const size_t tree_count = forest_->tree_count();
-  std::vector<op::Image<uint32_t>> node_images(tree_count);
+  // Kept between calls: a level is classified several times per user and frame.
+  std::vector<op::Image<uint32_t>>& node_images = node_images_;
+  node_images.resize(tree_count);
   {
     TaskSet trees;
     for (size_t t = 0; t < tree_count; ++t) {

@@ -80,6 +80,8 @@ class FrameClassifier {
   op::Image<uint8_t> flags_;
   std::vector<uint16_t> context_labels_;
   std::vector<uint16_t> target_labels_;
+  std::vector<uint8_t> label_bits_ = std::vector<uint8_t>(65536, 0);  // PixelFlags per segment label
+  std::vector<op::Image<uint32_t>> node_images_;                        // one per tree
   std::shared_ptr<spdlog::logger> logger_;
 };
 
