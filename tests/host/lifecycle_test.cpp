@@ -11,32 +11,17 @@
 
 #include <gtest/gtest.h>
 
-#include "forest/forest_writer.h"
 #include "quorvik/body_tracking.h"
+#include "support/box_forest.h"
 #include "support/person_scene.h"
 
 namespace {
 
-using quorvik::skeleton::ForestFileWriter;
-using quorvik::skeleton::leaf_record;
-using quorvik::skeleton::split_record;
-
-// A hand-made forest that labels a user by where a pixel sits in the user's box: head on
-// top, torso below it, left and right legs at the bottom. Enough for every stage to run.
+// The hand-made forest, in a file of this process's own.
 std::string write_box_forest() {
   const std::string path =
       (std::filesystem::temp_directory_path() / ("qbt-host-" + std::to_string(getpid()) + ".data")).string();
-  std::ofstream out(path, std::ios::binary);
-  ForestFileWriter w(out);
-  constexpr uint8_t kRelativeX = 2, kRelativeY = 3;
-  w.signature();
-  w.header();
-  w.offsets({});
-  w.tree(7, 4);
-  w.nodes({split_record(1, kRelativeY, 0, 0.3f), leaf_record(0), split_record(3, kRelativeY, 0, 0.6f),
-           leaf_record(1), split_record(5, kRelativeX, 0, 0.5f), leaf_record(2), leaf_record(3)});
-  w.distributions({{{6}, {65535}}, {{17}, {65535}}, {{9}, {65535}}, {{12}, {65535}}});
-  w.end();
+  box_forest::write(path);
   return path;
 }
 
