@@ -15,16 +15,7 @@ namespace {
 using skeleton::JointType;
 
 EvalCase short_case(const std::string& name, int people, uint32_t width, int frames, uint64_t seed, bool mirrored) {
-  EvalCase c;
-  c.label = name;
-  c.options.name = name;
-  c.options.people = people;
-  c.options.width = width;
-  c.options.height = width * 3 / 4;
-  c.options.frames = frames;
-  c.options.seed = seed;
-  c.options.mirrored = mirrored;
-  return c;
+  return make_case(name, name, people, width, frames, seed, mirrored);
 }
 
 // The tracker's world points come from its camera model on the 160x120 depth; the truth is

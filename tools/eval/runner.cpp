@@ -14,19 +14,6 @@ using skeleton::Body;
 using skeleton::BodyStatus;
 using skeleton::JointStatus;
 
-EvalCase make_case(std::string label, std::string name, int people, uint32_t width, int frames, uint64_t seed,
-                   bool mirrored) {
-  EvalCase c;
-  c.label = std::move(label);
-  c.options.name = std::move(name);
-  c.options.people = people;
-  c.options.width = width;
-  c.options.height = width * 3 / 4;
-  c.options.frames = frames;
-  c.options.seed = seed;
-  c.options.mirrored = mirrored;
-  return c;
-}
 
 EvalCase with_camera(EvalCase c, float height, std::optional<float> pitchDeg) {
   c.cameraHeight = height;
@@ -69,6 +56,20 @@ sim::Actor walk_in_first(const sim::Actor& actor, const sim::CameraSetup& camera
 bool tracking(const Body& b) { return b.status == BodyStatus::Tracking || b.status == BodyStatus::TrackingStarted; }
 
 }  // namespace
+
+EvalCase make_case(std::string label, std::string name, int people, uint32_t width, int frames, uint64_t seed,
+                   bool mirrored) {
+  EvalCase c;
+  c.label = std::move(label);
+  c.options.name = std::move(name);
+  c.options.people = people;
+  c.options.width = width;
+  c.options.height = width * 3 / 4;
+  c.options.frames = frames;
+  c.options.seed = seed;
+  c.options.mirrored = mirrored;
+  return c;
+}
 
 std::vector<EvalCase> full_cases() {
   return {

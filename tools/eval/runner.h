@@ -27,6 +27,10 @@ struct EvalCase {
   bool enterFirst = false;
 };
 
+// A named scenario as a case: the height follows the width (4:3).
+EvalCase make_case(std::string label, std::string name, int people, uint32_t width, int frames, uint64_t seed,
+                   bool mirrored);
+
 // The full benchmark and the short one the CI runs.
 std::vector<EvalCase> full_cases();
 std::vector<EvalCase> quick_cases();
