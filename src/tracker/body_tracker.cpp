@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <vector>
 
 #include "classifier/frame_classifier.h"
 #include "op/logging.h"
@@ -11,6 +12,12 @@ namespace {
 
 // Report order of the joints: the order of a user's joint table and of a body's joints.
 constexpr uint8_t kReportOrder[kJointCount] = {8, 1, 0, 2, 3, 4, 5, 6, 7, 9, 10, 11, 12, 13, 14, 15};
+
+// Reused between frames: one row of column minima of the input.
+std::vector<uint16_t>& reduction_scratch() {
+  thread_local std::vector<uint16_t> scratch;
+  return scratch;
+}
 
 }  // namespace
 
@@ -23,22 +30,29 @@ void reduce_min_nonzero(const uint16_t* pixels, uint32_t width, uint32_t height,
   }
   const uint32_t kx = width / outW;
   const uint32_t ky = height / outH;
+  // Depths are compared as signed 16-bit values (one above 32767 reads as negative and
+  // wins), 0 means no measurement, and 32767 never beats the initial best, so it counts
+  // as no measurement too. Flipping the sign bit orders signed values as unsigned ones,
+  // and sending 0 to 0xFFFF (where 32767 lands anyway) leaves a plain unsigned minimum
+  // that the compiler turns into vector code.
+  std::vector<uint16_t>& column_min = reduction_scratch();
+  column_min.resize(width);
   for (uint32_t y = 0; y < outH; ++y) {
-    for (uint32_t x = 0; x < outW; ++x) {
-      // Compared as signed 16-bit values: a depth above 32767 reads as negative and wins.
-      int16_t best = 32767;
-      bool found = false;
-      for (uint32_t by = 0; by < ky; ++by) {
-        const uint16_t* row = pixels + size_t{y * ky + by} * width + size_t{x} * kx;
-        for (uint32_t bx = 0; bx < kx; ++bx) {
-          const auto v = static_cast<int16_t>(row[bx]);
-          if (v != 0 && v < best) {
-            best = v;
-            found = true;
-          }
-        }
+    std::fill(column_min.begin(), column_min.end(), uint16_t{0xFFFF});
+    uint16_t* m = column_min.data();
+    for (uint32_t by = 0; by < ky; ++by) {
+      const uint16_t* row = pixels + size_t{y * ky + by} * width;
+      for (uint32_t x = 0; x < width; ++x) {
+        const uint16_t v = row[x];
+        const uint16_t key = v == 0 ? uint16_t{0xFFFF} : static_cast<uint16_t>(v ^ 0x8000u);
+        m[x] = std::min(m[x], key);
       }
-      out.at(x, y) = found ? static_cast<uint16_t>(best) : uint16_t{0};
+    }
+    uint16_t* out_row = out.row(y);
+    for (uint32_t x = 0; x < outW; ++x) {
+      uint16_t best = 0xFFFF;
+      for (uint32_t bx = 0; bx < kx; ++bx) best = std::min(best, m[x * kx + bx]);
+      out_row[x] = best == 0xFFFF ? uint16_t{0} : static_cast<uint16_t>(best ^ 0x8000u);
     }
   }
 }

@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <iterator>
+#include <random>
+
 namespace quorvik::skeleton {
 namespace {
 
@@ -35,6 +38,46 @@ TEST(Reduction, SmallestNonZeroWinsAndSameSizeIsACopy) {
   op::Image<uint16_t> same(4, 2);
   reduce_min_nonzero(pixels.data(), 4, 2, same);
   for (size_t i = 0; i < pixels.size(); ++i) EXPECT_EQ(same[i], pixels[i]);
+}
+
+TEST(Reduction, AgreesWithAPlainSignedMinimumOnEdgeValues) {
+  // Zero (no measurement), 32767 (never beats the initial best) and values above 32767
+  // (negative as signed depths, so they win) mixed with ordinary depths.
+  const uint16_t palette[] = {0, 0, 0, 1, 450, 450, 1200, 8000, 32766, 32767, 32768, 40000, 65535};
+  std::mt19937 rng(17);
+  for (const uint32_t factor : {2u, 4u}) {
+    const uint32_t w = 160 * factor, h = 120 * factor;
+    std::vector<uint16_t> pixels(size_t{w} * h);
+    for (uint16_t& p : pixels) p = palette[rng() % std::size(palette)];
+    // Whole blocks of zeros and of 32767 next to each other.
+    for (uint32_t y = 0; y < factor; ++y) {
+      for (uint32_t x = 0; x < factor; ++x) {
+        pixels[size_t{y} * w + x] = 0;
+        pixels[size_t{y} * w + factor + x] = 32767;
+      }
+    }
+    op::Image<uint16_t> out(160, 120);
+    reduce_min_nonzero(pixels.data(), w, h, out);
+    for (uint32_t by = 0; by < 120; ++by) {
+      for (uint32_t bx = 0; bx < 160; ++bx) {
+        int16_t best = 32767;
+        bool found = false;
+        for (uint32_t y = by * factor; y < (by + 1) * factor; ++y) {
+          for (uint32_t x = bx * factor; x < (bx + 1) * factor; ++x) {
+            const auto v = static_cast<int16_t>(pixels[size_t{y} * w + x]);
+            if (v != 0 && v < best) {
+              best = v;
+              found = true;
+            }
+          }
+        }
+        SCOPED_TRACE(testing::Message() << "factor " << factor << " block " << bx << "," << by);
+        ASSERT_EQ(out.at(bx, by), found ? static_cast<uint16_t>(best) : 0);
+      }
+    }
+    EXPECT_EQ(out.at(0, 0), 0);
+    EXPECT_EQ(out.at(1, 0), 0);
+  }
 }
 
 TEST(Resampling, MasksAtTwiceTheSizeRepeatIn2x2Blocks) {
