@@ -86,7 +86,9 @@ void mark_pass_pixels(op::Image<uint8_t>& user_ids, uint8_t id) {
 }  // namespace
 
 FrameClassifier::FrameClassifier(const DecisionForest* forest)
-    : forest_(forest), logger_(op::get_logger("FrameClassifier")) {}
+    : forest_(forest),
+      packed_(forest != nullptr ? std::make_unique<PackedForest>(*forest) : nullptr),
+      logger_(op::get_logger("FrameClassifier")) {}
 
 FrameClassifier::~FrameClassifier() = default;
 
@@ -292,14 +294,14 @@ void FrameClassifier::classify_subframe_LOD_parallel(const op::Image<uint16_t>& 
   op::ThreadPool& pool = *params.pool;
   const uint64_t workers = pool.threadCount();
   if (workers == 0) throw std::logic_error("FrameClassifier: the pool has no worker");
-  const size_t tree_count = forest_->tree_count();
+  const size_t tree_count = packed_->tree_count();
   // Kept between calls: a level is classified several times per user and frame.
   std::vector<op::Image<uint32_t>>& node_images = node_images_;
   node_images.resize(tree_count);
   {
     TaskSet trees;
     for (size_t t = 0; t < tree_count; ++t) {
-      const DecisionTree* tree = &forest_->tree(t);
+      const KernelTree* tree = &packed_->tree(t);
       op::Image<uint32_t>* image = &node_images[t];
       trees.submit(pool, t % workers, [tree, image, &depth, &params] {
         evaluate_tree(*tree, depth, params, *image);
@@ -308,11 +310,11 @@ void FrameClassifier::classify_subframe_LOD_parallel(const op::Image<uint16_t>& 
     trees.wait(*logger_,
                "FrameClassifier::classify_subframe_LOD_parallel waiting for more than 500 ms");
   }
-  accumulate_distributions_parallel(*forest_, node_images, params, labels, *logger_, user_ids);
+  accumulate_distributions_parallel(*packed_, node_images, params, labels, *logger_, user_ids);
 }
 
 void FrameClassifier::accumulate_distributions_parallel(
-    const DecisionForest& forest, const std::vector<op::Image<uint32_t>>& node_images,
+    const PackedForest& forest, const std::vector<op::Image<uint32_t>>& node_images,
     const ClassifyParams& params, op::Image<PixelLabel>& labels, spdlog::logger& logger,
     op::Image<uint8_t>& user_ids) {
   op::ThreadPool& pool = *params.pool;
@@ -337,10 +339,7 @@ void FrameClassifier::accumulate_distributions_parallel(
           user_ids.at(x, row) = params.marker;
           LabelDistribution acc;
           acc.clear();
-          for (uint32_t t = 0; t < tree_count; ++t) {
-            const DecisionTree& tree = forest.tree(t);
-            acc.add(tree.leaf_distribution(tree.node(node_images[t].at(x, row))));
-          }
+          for (uint32_t t = 0; t < tree_count; ++t) forest.add_leaf(t, node_images[t].at(x, row), acc);
           acc.average(tree_count);
           labels.at(x, row) = PixelLabel{acc.best_label, acc.best_probability};
         }

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "classifier/classify_params.h"
+#include "classifier/packed_forest.h"
 #include "classifier/pixel_label.h"
 #include "skeleton/region_box.h"
 #include "forest/decision_forest.h"
@@ -67,7 +68,9 @@ class FrameClassifier {
                                       op::Image<PixelLabel>& labels,
                                       op::Image<uint8_t>& user_ids);
 
-  static void accumulate_distributions_parallel(const DecisionForest& forest,
+  // Combines the trees' leaves of the level, reading the forest's leaves through its
+  // packed copy.
+  static void accumulate_distributions_parallel(const PackedForest& forest,
                                                 const std::vector<op::Image<uint32_t>>& node_images,
                                                 const ClassifyParams& params,
                                                 op::Image<PixelLabel>& labels,
@@ -76,6 +79,7 @@ class FrameClassifier {
 
  private:
   const DecisionForest* forest_;
+  std::unique_ptr<PackedForest> packed_;  // null without a forest
   op::Image<uint8_t> working_flags_;
   op::Image<uint8_t> flags_;
   std::vector<uint16_t> context_labels_;

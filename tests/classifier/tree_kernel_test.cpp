@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include "classifier/arch/dispatch.h"
+#include "classifier/packed_forest.h"
 #include "classifier/depth_features.h"
 #include "forest/forest_fixtures.h"
 
@@ -142,14 +143,36 @@ TEST(TreeKernelTest, EveryBuildMatchesPerPixelDescent) {
   }
 }
 
+TEST(TreeKernelTest, WholeFrameGridsReachTheSameLeavesAsSinglePixelDescents) {
+  // A target box over the whole frame: at step 1 more pixels are unfinished after the
+  // first pass than the walk keeps a list of, at step 2 they all fit.
+  const DecisionForest forest = testing::make_random_forest(
+      11, {.trees = 1, .depth = 16, .leaf_chance = 0.05f, .max_offset = 300});
+  Frame frame = random_frame(5);
+  frame.target_box[0] = frame.target_box[1] = frame.context_box[0] = frame.context_box[1] = 0;
+  frame.target_box[2] = frame.context_box[2] = 159;
+  frame.target_box[3] = frame.context_box[3] = 119;
+  for (uint32_t level = 0; level <= 1; ++level) {
+    const op::Image<uint32_t> expected = reference(forest.tree(0), frame, level);
+    for (const ArchVariant& build : runnable_builds()) {
+      SCOPED_TRACE(::testing::Message() << "level " << level << " build " << build.name);
+      op::Image<uint32_t> got;
+      EXPECT_EQ(evaluate_tree_with(build.entry, forest.tree(0), frame.depth,
+                                   params_for(frame, level), got),
+                0);
+      EXPECT_TRUE(same_image(expected, got));
+    }
+  }
+}
+
 TEST(TreeKernelTest, PassesMoveEachPixelOneLevel) {
   // A full tree of depth 3: three passes move pixels, the fourth finds nothing to move.
   const DecisionForest forest =
       testing::make_random_forest(5, {.trees = 1, .depth = 3, .leaf_chance = 0.f});
   Frame frame = random_frame(77);
   const ClassifyParams params = params_for(frame, 0);
-  const KernelTree tree{forest.tree(0).nodes.data(),
-                        static_cast<uint32_t>(forest.tree(0).nodes.size())};
+  const PackedForest packed(forest);
+  const KernelTree& tree = packed.tree(0);
   KernelFrame kf{reinterpret_cast<const int16_t*>(frame.depth.data()),
                  frame.flags.data(),
                  160,

@@ -6,6 +6,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "classifier/packed_forest.h"
+
 #if defined(__x86_64__) || defined(__i386__)
 #include <cpuid.h>
 #endif
@@ -26,6 +28,11 @@ const ArchVariant* choose_once() {
   static const ArchVariant selected = select_arch_variant(detect_cpu_features());
   chosen_variant.store(&selected, std::memory_order_release);
   return &selected;
+}
+
+KernelEntry active_entry() {
+  KernelEntry entry = kernel_override.load(std::memory_order_acquire);
+  return entry != nullptr ? entry : choose_once()->entry;
 }
 
 KernelFrame make_frame(const op::Image<uint16_t>& depth, const ClassifyParams& params) {
@@ -102,21 +109,30 @@ ArchVariant select_arch_variant(uint32_t features) {
 
 const char* active_arch_name() { return choose_once()->name; }
 
-int32_t evaluate_tree_with(KernelEntry entry, const DecisionTree& tree,
+int32_t evaluate_tree_with(KernelEntry entry, const KernelTree& tree,
                            const op::Image<uint16_t>& depth, const ClassifyParams& params,
                            op::Image<uint32_t>& node_index) {
   node_index.resize(depth.width(), depth.height());
   node_index.fill(0);
-  const KernelTree kernel_tree{tree.nodes.data(), static_cast<uint32_t>(tree.nodes.size())};
   const KernelFrame frame = make_frame(depth, params);
-  return entry(kernel_tree, frame, node_index.data());
+  return entry(tree, frame, node_index.data());
+}
+
+int32_t evaluate_tree_with(KernelEntry entry, const DecisionTree& tree,
+                           const op::Image<uint16_t>& depth, const ClassifyParams& params,
+                           op::Image<uint32_t>& node_index) {
+  const PackedForest packed(tree);
+  return evaluate_tree_with(entry, packed.tree(0), depth, params, node_index);
+}
+
+int32_t evaluate_tree(const KernelTree& tree, const op::Image<uint16_t>& depth,
+                      const ClassifyParams& params, op::Image<uint32_t>& node_index) {
+  return evaluate_tree_with(active_entry(), tree, depth, params, node_index);
 }
 
 int32_t evaluate_tree(const DecisionTree& tree, const op::Image<uint16_t>& depth,
                       const ClassifyParams& params, op::Image<uint32_t>& node_index) {
-  KernelEntry entry = kernel_override.load(std::memory_order_acquire);
-  if (entry == nullptr) entry = choose_once()->entry;
-  return evaluate_tree_with(entry, tree, depth, params, node_index);
+  return evaluate_tree_with(active_entry(), tree, depth, params, node_index);
 }
 
 ScopedKernelOverride::ScopedKernelOverride(KernelEntry entry)

@@ -42,11 +42,19 @@ ArchVariant select_arch_variant(uint32_t features);
 const char* active_arch_name();
 
 // Clears and sizes `node_index` to the depth map, then walks every target pixel of the
-// level down the tree with the chosen build. Returns the last pass's count, 0.
+// level down the packed tree with the chosen build. Returns the last pass's count, 0.
+int32_t evaluate_tree(const KernelTree& tree, const op::Image<uint16_t>& depth,
+                      const ClassifyParams& params, op::Image<uint32_t>& node_index);
+
+// Same for a tree that is not packed yet: packs a copy first, so it suits tests and
+// one-off evaluations, not a frame loop.
 int32_t evaluate_tree(const DecisionTree& tree, const op::Image<uint16_t>& depth,
                       const ClassifyParams& params, op::Image<uint32_t>& node_index);
 
-// Same, with a given build.
+// As evaluate_tree, with a given build.
+int32_t evaluate_tree_with(KernelEntry entry, const KernelTree& tree,
+                           const op::Image<uint16_t>& depth, const ClassifyParams& params,
+                           op::Image<uint32_t>& node_index);
 int32_t evaluate_tree_with(KernelEntry entry, const DecisionTree& tree,
                            const op::Image<uint16_t>& depth, const ClassifyParams& params,
                            op::Image<uint32_t>& node_index);
