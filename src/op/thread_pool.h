@@ -40,6 +40,10 @@ class TaskQueue {
   std::unique_ptr<Action> slots_[kCapacity];
   uint64_t head_ = 0;
   uint64_t tail_ = 0;
+  // Insertions so far, readable without the mutex, so that a worker can watch for the
+  // next action for a moment before it goes to sleep.
+  std::atomic<uint64_t> insertions_{0};
+  uint64_t removals_ = 0;  // the worker's own count of the actions it took
   std::mutex mutex_;
   std::condition_variable nonEmpty_;
   std::condition_variable notFull_;
