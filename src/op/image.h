@@ -2,6 +2,7 @@
 // Plain row-major image: the tracker-side container. It reallocates only when its size
 // changes, so buffers handed out as views stay put from frame to frame.
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -35,9 +36,10 @@ class Image {
     data_ = size() != 0 ? std::make_unique_for_overwrite<T[]>(size()) : nullptr;
   }
 
-  void fill(const T& value) {
-    for (size_t i = 0; i < size(); ++i) data_[i] = value;
-  }
+  // A plain loop over data_[i] would reload the size on every element: a store through a
+  // T* may change width_ (for 32-bit T), so the compiler can neither vectorise it nor call
+  // memset.
+  void fill(const T& value) { std::fill_n(data_.get(), size(), value); }
 
   uint32_t width() const { return width_; }
   uint32_t height() const { return height_; }
