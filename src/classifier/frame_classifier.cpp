@@ -20,10 +20,10 @@ namespace quorvik::skeleton {
 namespace {
 
 constexpr int64_t kWaitWarnMs = 500;
-// A level's task sets last tens to a few hundred microseconds, about what a sleep and a
-// wake-up of the calling thread cost on a small virtual machine; yielding until then
-// lets the workers have the processor and notices the end at once.
-constexpr auto kSpinBeforeSleep = std::chrono::microseconds(300);
+// Combining the trees takes a few tens of microseconds, about what a sleep and a wake-up
+// of the calling thread cost on a small virtual machine; yielding that long lets the
+// workers have the processor and notices the end at once. Longer sets are slept through.
+constexpr auto kSpinBeforeSleep = std::chrono::microseconds(30);
 // Neighbours nearer than this in depth may lend their label to an unfinished pixel.
 constexpr int kFillDepthLimit = 100;
 
