@@ -345,6 +345,17 @@ void FrameClassifier::accumulate_distributions_parallel(
       for (int64_t y = y0 + s * static_cast<int64_t>(share); y <= y1;
            y += s * static_cast<int64_t>(workers)) {
         const uint32_t row = static_cast<uint32_t>(y);
+        // The leaves were reached on other workers and lie all over the forest: ask for
+        // the row's leaf nodes, then for their entries, before combining any of them, so
+        // that the misses overlap instead of following one another.
+        for (int32_t x = x0; x <= x1; x += s) {
+          if (!(flags.at(x, row) & kTargetPixel)) continue;
+          for (uint32_t t = 0; t < tree_count; ++t) forest.prefetch_node(t, node_images[t].at(x, row));
+        }
+        for (int32_t x = x0; x <= x1; x += s) {
+          if (!(flags.at(x, row) & kTargetPixel)) continue;
+          for (uint32_t t = 0; t < tree_count; ++t) forest.prefetch_entries(t, node_images[t].at(x, row));
+        }
         for (int32_t x = x0; x <= x1; x += s) {
           if (!(flags.at(x, row) & kTargetPixel)) continue;
           user_ids.at(x, row) = params.marker;

@@ -45,6 +45,13 @@ class PackedForest {
     acc.best_label = kBestLabelUnknown;
   }
 
+  // Hints that node `node` of tree `t`, or the entries of that leaf, will be read soon.
+  void prefetch_node(size_t t, uint32_t node) const { __builtin_prefetch(&trees_[t].kernel.nodes[node]); }
+  void prefetch_entries(size_t t, uint32_t node) const {
+    const Tree& tree = trees_[t];
+    __builtin_prefetch(tree.entries + (tree.kernel.nodes[node].link & kPackedIndexMask));
+  }
+
   // Bytes of the packed nodes and entries of all trees.
   size_t byte_size() const { return bytes_; }
 
