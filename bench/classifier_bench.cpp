@@ -11,6 +11,7 @@
 #include "classifier/arch/dispatch.h"
 #include "kernel_builds.h"
 #include "classifier/frame_classifier.h"
+#include "classifier/packed_forest.h"
 #include "classifier/classifier_fixtures.h"  // tests/classifier
 #include "forest/forest_fixtures.h"
 #include "forest/forest_reader.h"
@@ -102,9 +103,10 @@ void BM_EvaluateTreeLevel1(benchmark::State& state) {
   params.level = 1;
   params.mean_depth = sum / static_cast<float>(count);
   op::Image<uint32_t> nodes;
+  const PackedForest packed(s.forest.tree(0));
   for (auto _ : state) {
     benchmark::DoNotOptimize(
-        evaluate_tree_with(build->entry, s.forest.tree(0), s.scene.depth, params, nodes));
+        evaluate_tree_with(build->entry, packed.tree(0), s.scene.depth, params, nodes));
   }
 }
 BENCHMARK(BM_EvaluateTreeLevel1)->DenseRange(0, 5)->Unit(benchmark::kMicrosecond);

@@ -7,6 +7,7 @@
 
 #include <benchmark/benchmark.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <memory>
 #include <string>
@@ -15,6 +16,7 @@
 #include "classifier/arch/dispatch.h"
 #include "kernel_builds.h"
 #include "classifier/frame_classifier.h"
+#include "classifier/packed_forest.h"
 #include "forest/forest_fixtures.h"  // tests/forest
 #include "forest/forest_reader.h"
 #include "op/thread_pool.h"
@@ -168,6 +170,54 @@ void BM_ClassifySimulatedUser(benchmark::State& state) {
   state.counters["trees"] = static_cast<double>(forest().tree_count());
 }
 BENCHMARK(BM_ClassifySimulatedUser)->DenseRange(0, 6)->Unit(benchmark::kMicrosecond);
+
+// One tree of the forest over the step-2 grid of the simulated user, on the calling
+// thread, with the dispatcher's build: the walk alone, without the pool.
+void BM_TreeWalkLevel1(benchmark::State& state) {
+  Analyzed& a = analyzed();
+  const TrackedUser* user = a.user();
+  if (user == nullptr) {
+    state.SkipWithError("the users stage found nobody");
+    return;
+  }
+  const op::Image<uint16_t>& segments = a.analyzer.userLabels();
+  op::Image<uint8_t> flags(160, 120);
+  int32_t box[4] = {160, 120, -1, -1};
+  float sum = 0.f;
+  uint32_t count = 0;
+  for (uint32_t y = 0; y < 120; ++y) {
+    for (uint32_t x = 0; x < 160; ++x) {
+      const uint16_t segment = segments.at(x, y);
+      const bool own = a.truth.depth.at(x, y) != 0 &&
+                       std::find(user->labels.begin(), user->labels.end(), segment) != user->labels.end();
+      flags.at(x, y) = own ? 3 : 0;
+      if (!own) continue;
+      box[0] = std::min<int32_t>(box[0], x);
+      box[1] = std::min<int32_t>(box[1], y);
+      box[2] = std::max<int32_t>(box[2], x);
+      box[3] = std::max<int32_t>(box[3], y);
+      sum += a.truth.depth.at(x, y);
+      ++count;
+    }
+  }
+  const UserStatistics stats = computeUserStatistics(a.truth.depth, segments, user->labels, user->candidates);
+  ClassifyParams params;
+  params.statistics = &stats;
+  params.working_flags = &flags;
+  params.target_box = box;
+  params.context_box = box;
+  params.level = 1;
+  params.mean_depth = sum / static_cast<float>(count);
+  const PackedForest packed(forest().tree(0));
+  op::Image<uint32_t> nodes;
+  for (auto _ : state) benchmark::DoNotOptimize(evaluate_tree(packed.tree(0), a.truth.depth, params, nodes));
+  uint64_t pixels = 0;
+  for (int32_t y = box[1]; y <= box[3]; y += 2)
+    for (int32_t x = box[0]; x <= box[2]; x += 2) pixels += flags.at(x, y) & 1;
+  state.counters["pixels"] = static_cast<double>(pixels);
+  state.SetItemsProcessed(static_cast<int64_t>(state.iterations() * pixels));
+}
+BENCHMARK(BM_TreeWalkLevel1)->Unit(benchmark::kMicrosecond);
 
 // The skeleton step on the simulator's own part labels, frame after frame of the walk.
 void BM_SkeletonStepOnTrueLabels(benchmark::State& state) {
