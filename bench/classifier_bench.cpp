@@ -76,37 +76,14 @@ void BM_EvaluateTreeLevel1(benchmark::State& state) {
     return;
   }
   state.SetLabel(build->name);
-  op::Image<uint8_t> flags(160, 120);
-  int32_t box[4] = {160, 120, -1, -1};
-  float sum = 0.f;
-  uint32_t count = 0;
-  for (uint32_t y = 0; y < 120; ++y) {
-    for (uint32_t x = 0; x < 160; ++x) {
-      const bool user = s.scene.labels.at(x, y) == 1;
-      flags.at(x, y) = user ? 3 : 0;
-      if (!user) continue;
-      box[0] = std::min<int32_t>(box[0], x);
-      box[1] = std::min<int32_t>(box[1], y);
-      box[2] = std::max<int32_t>(box[2], x);
-      box[3] = std::max<int32_t>(box[3], y);
-      sum += s.scene.depth.at(x, y);
-      ++count;
-    }
-  }
-  const UserStatistics stats = computeUserStatistics(s.scene.depth, s.scene.labels,
-                                                     std::vector<uint16_t>{1}, {});
-  ClassifyParams params;
-  params.statistics = &stats;
-  params.working_flags = &flags;
-  params.target_box = box;
-  params.context_box = box;
-  params.level = 1;
-  params.mean_depth = sum / static_cast<float>(count);
+  const UserLevel level(s.scene.depth,
+                        computeUserStatistics(s.scene.depth, s.scene.labels, std::vector<uint16_t>{1}, {}),
+                        [&](uint32_t x, uint32_t y) { return s.scene.labels.at(x, y) == 1; });
   op::Image<uint32_t> nodes;
   const PackedForest packed(s.forest.tree(0));
   for (auto _ : state) {
     benchmark::DoNotOptimize(
-        evaluate_tree_with(build->entry, packed.tree(0), s.scene.depth, params, nodes));
+        evaluate_tree_with(build->entry, packed.tree(0), s.scene.depth, level.params, nodes));
   }
 }
 BENCHMARK(BM_EvaluateTreeLevel1)->DenseRange(0, 5)->Unit(benchmark::kMicrosecond);

@@ -181,41 +181,17 @@ void BM_TreeWalkLevel1(benchmark::State& state) {
     return;
   }
   const op::Image<uint16_t>& segments = a.analyzer.userLabels();
-  op::Image<uint8_t> flags(160, 120);
-  int32_t box[4] = {160, 120, -1, -1};
-  float sum = 0.f;
-  uint32_t count = 0;
-  for (uint32_t y = 0; y < 120; ++y) {
-    for (uint32_t x = 0; x < 160; ++x) {
-      const uint16_t segment = segments.at(x, y);
-      const bool own = a.truth.depth.at(x, y) != 0 &&
-                       std::find(user->labels.begin(), user->labels.end(), segment) != user->labels.end();
-      flags.at(x, y) = own ? 3 : 0;
-      if (!own) continue;
-      box[0] = std::min<int32_t>(box[0], x);
-      box[1] = std::min<int32_t>(box[1], y);
-      box[2] = std::max<int32_t>(box[2], x);
-      box[3] = std::max<int32_t>(box[3], y);
-      sum += a.truth.depth.at(x, y);
-      ++count;
-    }
-  }
-  const UserStatistics stats = computeUserStatistics(a.truth.depth, segments, user->labels, user->candidates);
-  ClassifyParams params;
-  params.statistics = &stats;
-  params.working_flags = &flags;
-  params.target_box = box;
-  params.context_box = box;
-  params.level = 1;
-  params.mean_depth = sum / static_cast<float>(count);
+  const UserLevel level(a.truth.depth, computeUserStatistics(a.truth.depth, segments, user->labels, user->candidates),
+                        [&](uint32_t x, uint32_t y) {
+                          const auto& own = user->labels;
+                          return a.truth.depth.at(x, y) != 0 &&
+                                 std::find(own.begin(), own.end(), segments.at(x, y)) != own.end();
+                        });
   const PackedForest packed(forest().tree(0));
   op::Image<uint32_t> nodes;
-  for (auto _ : state) benchmark::DoNotOptimize(evaluate_tree(packed.tree(0), a.truth.depth, params, nodes));
-  uint64_t pixels = 0;
-  for (int32_t y = box[1]; y <= box[3]; y += 2)
-    for (int32_t x = box[0]; x <= box[2]; x += 2) pixels += flags.at(x, y) & 1;
-  state.counters["pixels"] = static_cast<double>(pixels);
-  state.SetItemsProcessed(static_cast<int64_t>(state.iterations() * pixels));
+  for (auto _ : state) benchmark::DoNotOptimize(evaluate_tree(packed.tree(0), a.truth.depth, level.params, nodes));
+  state.counters["pixels"] = static_cast<double>(level.grid_pixels);
+  state.SetItemsProcessed(static_cast<int64_t>(state.iterations() * level.grid_pixels));
 }
 BENCHMARK(BM_TreeWalkLevel1)->Unit(benchmark::kMicrosecond);
 
