@@ -1,7 +1,7 @@
 #pragma once
-// Shared by the classifier benchmarks: the kernel build of a run and a user's grid for one
-// tree walk. Kernel build of a benchmark run, by argument: 0 baseline, 1 SSE2, 2 SSE4.1, 3 AVX, 4 AVX2,
-// 5 FMA are forced through the test-only override, 6 leaves the dispatcher's choice.
+// Shared by the classifier benchmarks: the kernel build of a run, by argument (0 baseline,
+// 1 SSE2, 2 SSE4.1, 3 AVX, 4 AVX2, 5 FMA forced through the test-only override, 6 the
+// dispatcher's choice), and a user's step-2 grid for a single tree walk.
 
 #include <benchmark/benchmark.h>
 
