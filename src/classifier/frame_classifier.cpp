@@ -20,10 +20,11 @@ namespace quorvik::skeleton {
 namespace {
 
 constexpr int64_t kWaitWarnMs = 500;
-// Combining the trees takes a few tens of microseconds, about what a sleep and a wake-up
-// of the calling thread cost on a small virtual machine; yielding that long lets the
-// workers have the processor and notices the end at once. Longer sets are slept through.
-constexpr auto kSpinBeforeSleep = std::chrono::microseconds(30);
+// A set of tree or combining tasks takes tens to a few hundred microseconds, and a sleep
+// and wake-up of the calling thread costs 30-40 us on a small virtual machine, several
+// times per user. Yielding lets a worker on the same processor run and notices the end at
+// once; only unusually long sets are slept through.
+constexpr auto kSpinBeforeSleep = std::chrono::microseconds(300);
 // Neighbours nearer than this in depth may lend their label to an unfinished pixel.
 constexpr int kFillDepthLimit = 100;
 

@@ -3,15 +3,21 @@
 #include <chrono>
 #include <cstdio>
 
+#if defined(__linux__)
+#include <pthread.h>
+#include <sched.h>
+#endif
+
 namespace op {
 
 namespace {
 
 // How long an idle worker keeps looking for its next action before it sleeps on the
 // condition variable. Callers that split work into consecutive sets of short actions
-// (the classifier submits six per user and frame) would otherwise pay a sleep and a
-// wake-up, tens of microseconds each, between every two sets.
-constexpr auto kSpinBeforeSleep = std::chrono::microseconds(100);
+// (the classifier submits six per user and frame, with a couple of hundred microseconds
+// of its own work between users) would otherwise pay a sleep and a wake-up, tens of
+// microseconds each, between every two sets.
+constexpr auto kSpinBeforeSleep = std::chrono::microseconds(300);
 
 }  // namespace
 
@@ -105,6 +111,32 @@ std::optional<SubmitError> ThreadPool::enqueue(uint64_t worker, std::unique_ptr<
     return SubmitError::QueueFull;
   }
   return std::nullopt;
+}
+
+bool ThreadPool::spread_over_processors() {
+#if defined(__linux__)
+  // Workers that keep looking for their next action stay runnable, and the scheduler may
+  // then leave two of them sharing one processor while another idles: the tasks of a set
+  // run one after the other instead of side by side.
+  cpu_set_t allowed;
+  CPU_ZERO(&allowed);
+  if (sched_getaffinity(0, sizeof allowed, &allowed) != 0) return false;
+  std::vector<int> processors;
+  for (int cpu = 0; cpu < CPU_SETSIZE; ++cpu) {
+    if (CPU_ISSET(cpu, &allowed)) processors.push_back(cpu);
+  }
+  if (processors.size() < 2) return false;
+  bool all = true;
+  for (uint64_t i = 0; i < threads_.size(); ++i) {
+    cpu_set_t one;
+    CPU_ZERO(&one);
+    CPU_SET(processors[i % processors.size()], &one);
+    all = pthread_setaffinity_np(threads_[i].native_handle(), sizeof one, &one) == 0 && all;
+  }
+  return all;
+#else
+  return false;
+#endif
 }
 
 void ThreadPool::worker(uint64_t index) {

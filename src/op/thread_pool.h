@@ -89,6 +89,11 @@ class ThreadPool {
   void terminate();
   uint64_t threadCount() const { return threadCount_; }
 
+  // Keeps worker i on the i-th processor the process may run on (wrapping around), for
+  // pools whose workers run one set of equal tasks at a time. Returns false, changing
+  // nothing, where the platform cannot do it or the process may use only one processor.
+  bool spread_over_processors();
+
  private:
   // Returns the error, or nothing when the queue took the action. A refused action is
   // destroyed unrun, which abandons its future and cancels its group.
