@@ -9,31 +9,39 @@ UserStatistics computeUserStatistics(const op::Image<uint16_t>& depth,
                                      const op::Image<uint16_t>& labelMap,
                                      std::span<const uint16_t> labels,
                                      std::span<const uint16_t> candidateLabels) {
-  std::vector<uint16_t> ids(labels.begin(), labels.end());
-  ids.insert(ids.end(), candidateLabels.begin(), candidateLabels.end());
+  // Membership by table instead of a search of both lists per pixel; the table is
+  // cleared again below, touching only the listed labels.
+  thread_local std::vector<uint8_t> member(size_t{1} << 16, 0);
+  for (uint16_t id : labels) member[id] = 1;
+  for (uint16_t id : candidateLabels) member[id] = 1;
   const uint32_t width = depth.width();
   const uint32_t height = depth.height();
-  auto is_user = [&](uint32_t x, uint32_t y) {
-    if (depth.at(x, y) == 0) return false;
-    return std::find(ids.begin(), ids.end(), labelMap.at(x, y)) != ids.end();
-  };
+  auto is_user = [&](uint32_t x, uint32_t y) { return depth.at(x, y) != 0 && member[labelMap.at(x, y)] != 0; };
 
   uint32_t count = 0;
   float sum_x = 0.f, sum_y = 0.f, sum_depth = 0.f;
   int32_t min_x = static_cast<int32_t>(width), min_y = static_cast<int32_t>(height);
   int32_t max_x = 0, max_y = 0;
   for (uint32_t y = 0; y < height; ++y) {
+    const uint16_t* d = depth.row(y);
+    const uint16_t* l = labelMap.row(y);
+    const float fy = static_cast<float>(y);
+    int32_t row_min = static_cast<int32_t>(width), row_max = -1;
     for (uint32_t x = 0; x < width; ++x) {
-      if (!is_user(x, y)) continue;
+      if (d[x] == 0 || member[l[x]] == 0) continue;
       ++count;
+      // Summed pixel by pixel in image order, as floats: the order is part of the result.
       sum_x += static_cast<float>(x);
-      sum_y += static_cast<float>(y);
-      sum_depth += static_cast<float>(depth.at(x, y));
-      min_x = std::min(min_x, static_cast<int32_t>(x));
-      min_y = std::min(min_y, static_cast<int32_t>(y));
-      max_x = std::max(max_x, static_cast<int32_t>(x));
-      max_y = std::max(max_y, static_cast<int32_t>(y));
+      sum_y += fy;
+      sum_depth += static_cast<float>(d[x]);
+      row_min = std::min(row_min, static_cast<int32_t>(x));
+      row_max = static_cast<int32_t>(x);
     }
+    if (row_max < 0) continue;
+    min_x = std::min(min_x, row_min);
+    max_x = std::max(max_x, row_max);
+    min_y = std::min(min_y, static_cast<int32_t>(y));
+    max_y = static_cast<int32_t>(y);
   }
 
   uint32_t top = 0, bottom = 0, left = 0, right = 0;
@@ -82,6 +90,8 @@ UserStatistics computeUserStatistics(const op::Image<uint16_t>& depth,
   if (width + height > 0) {
     s.borderFraction = static_cast<float>(border) / (2.f * static_cast<float>(width + height));
   }
+  for (uint16_t id : labels) member[id] = 0;
+  for (uint16_t id : candidateLabels) member[id] = 0;
   return s;
 }
 
