@@ -71,6 +71,19 @@ void resample_nearest(const T* source, uint32_t sw, uint32_t sh, Image<T>& targe
     if (target.size() != 0) std::memcpy(target.data(), source, target.byte_size());
     return;
   }
+  // Enlarging by 2, 4 or 8 (the tracker's input sizes): each source value fills a k x k
+  // block, so whole rows are written with fixed-length stores and then copied down.
+  auto blocks = [&]<uint32_t k>() {
+    if (width != sw * k || height != sh * k) return false;
+    for (uint32_t y = 0; y < sh; ++y) {
+      const T* src = source + size_t{y} * sw;
+      T* dst = target.row(y * k);
+      for (uint32_t x = 0; x < sw; ++x) std::fill_n(dst + size_t{x} * k, k, src[x]);
+      for (uint32_t r = 1; r < k; ++r) std::memcpy(target.row(y * k + r), dst, size_t{width} * sizeof(T));
+    }
+    return true;
+  };
+  if (blocks.template operator()<2>() || blocks.template operator()<4>() || blocks.template operator()<8>()) return;
   const float sx = static_cast<float>(sw) / static_cast<float>(width);
   const float sy = static_cast<float>(sh) / static_cast<float>(height);
   // The source column of each target column is the same on every row: compute it once.

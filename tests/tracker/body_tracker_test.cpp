@@ -1,9 +1,10 @@
 #include "tracker/body_tracker.h"
 
-#include <gtest/gtest.h>
-
 #include <iterator>
 #include <random>
+#include <string>
+
+#include <gtest/gtest.h>
 
 namespace quorvik::skeleton {
 namespace {
@@ -80,19 +81,28 @@ TEST(Reduction, AgreesWithAPlainSignedMinimumOnEdgeValues) {
   }
 }
 
-TEST(Resampling, MasksAtTwiceTheSizeRepeatIn2x2Blocks) {
-  op::Image<uint8_t> mask(160, 120);
-  for (size_t i = 0; i < mask.size(); ++i) mask[i] = static_cast<uint8_t>(i * 31 % 11);
-  op::Image<uint8_t> big;
-  op::resample_nearest(mask.data(), 160, 120, big, 320, 240);
-  ASSERT_EQ(big.width(), 320u);
-  ASSERT_EQ(big.height(), 240u);
-  for (uint32_t y = 0; y < 240; ++y)
-    for (uint32_t x = 0; x < 320; ++x) ASSERT_EQ(big.at(x, y), mask.at(x / 2, y / 2)) << x << "," << y;
-  op::Image<uint8_t> huge;
-  op::resample_nearest(mask.data(), 160, 120, huge, 640, 480);
-  EXPECT_EQ(huge.at(639, 479), mask.at(159, 119));
-  EXPECT_EQ(huge.at(5, 6), mask.at(1, 1));
+// Whole-block enlargements take their own path; every size must agree with the
+// single-precision nearest-neighbour rule, including sizes that are not whole multiples.
+TEST(Resampling, EverySizeFollowsTheNearestNeighbourRule) {
+  op::Image<uint16_t> mask(160, 120);
+  for (size_t i = 0; i < mask.size(); ++i) mask[i] = static_cast<uint16_t>(i * 2654435761u >> 7);
+  const uint32_t sizes[][2] = {{160, 120}, {320, 240}, {640, 480}, {1280, 960}, {480, 360}, {200, 150}, {320, 120}};
+  for (const auto& size : sizes) {
+    SCOPED_TRACE(std::to_string(size[0]) + "x" + std::to_string(size[1]));
+    op::Image<uint16_t> out;
+    op::resample_nearest(mask.data(), 160, 120, out, size[0], size[1]);
+    ASSERT_EQ(out.width(), size[0]);
+    ASSERT_EQ(out.height(), size[1]);
+    const float sx = 160.f / static_cast<float>(size[0]);
+    const float sy = 120.f / static_cast<float>(size[1]);
+    for (uint32_t y = 0; y < size[1]; ++y) {
+      for (uint32_t x = 0; x < size[0]; ++x) {
+        const auto mx = static_cast<uint32_t>(static_cast<float>(x) * sx);
+        const auto my = static_cast<uint32_t>(static_cast<float>(y) * sy);
+        ASSERT_EQ(out.at(x, y), mask.at(mx, my)) << x << "," << y;
+      }
+    }
+  }
 }
 
 }  // namespace
