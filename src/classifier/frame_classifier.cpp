@@ -88,10 +88,19 @@ class TaskSet {
   std::exception_ptr failure_;
 };
 
-void mark_pass_pixels(op::Image<uint8_t>& user_ids, uint8_t id) {
-  uint8_t* ids = user_ids.data();
-  for (size_t i = 0; i < user_ids.size(); ++i) {
-    if (ids[i] == kUnresolvedUser) ids[i] = id;
+// A pass marks pixels of its target box only, and the region covers every target box of
+// the call, so the region holds every mark there is.
+void mark_pass_pixels(op::Image<uint8_t>& user_ids, uint8_t id, const RegionBox& region) {
+  if (region.empty) return;
+  // Clamped, as the region the caller passed in may reach beyond the image.
+  const int32_t x0 = std::max(region.x0, 0), y0 = std::max(region.y0, 0);
+  const int32_t x1 = std::min(region.x1, static_cast<int32_t>(user_ids.width()) - 1);
+  const int32_t y1 = std::min(region.y1, static_cast<int32_t>(user_ids.height()) - 1);
+  for (int32_t y = y0; y <= y1; ++y) {
+    uint8_t* ids = user_ids.row(static_cast<uint32_t>(y));
+    for (int32_t x = x0; x <= x1; ++x) {
+      if (ids[x] == kUnresolvedUser) ids[x] = id;
+    }
   }
 }
 
@@ -122,16 +131,16 @@ void FrameClassifier::classify_user(const op::Image<uint16_t>& depth,
     // candidate is judged on the pass before it; no pixel was marked, so only the
     // context list can change.
     if (score >= threshold) {
-      mark_pass_pixels(user_ids, user.id);
+      mark_pass_pixels(user_ids, user.id, region);
     } else {  // below the threshold, or NaN
-      mark_pass_pixels(user_ids, 0);
+      mark_pass_pixels(user_ids, 0, region);
       context_labels_.pop_back();
     }
   }
   target_labels_.assign(user.labels.begin(), user.labels.end());
   classify_segments(depth, label_map, statistics, target_labels_, context_labels_, labels,
                     user_ids, score, region, pool);
-  mark_pass_pixels(user_ids, user.id);
+  mark_pass_pixels(user_ids, user.id, region);
 }
 
 void FrameClassifier::classify_segments(const op::Image<uint16_t>& depth,
@@ -152,34 +161,34 @@ void FrameClassifier::classify_segments(const op::Image<uint16_t>& depth,
   // 1. Flags and boxes.
   int32_t target_box[4] = {w, h, -1, -1};
   int32_t context_box[4] = {w, h, -1, -1};
-  auto grow = [](int32_t* box, int32_t x, int32_t y) {
-    box[0] = std::min(box[0], x);
+  auto grow = [](int32_t* box, int32_t first, int32_t last, int32_t y) {
+    box[0] = std::min(box[0], first);
     box[1] = std::min(box[1], y);
-    box[2] = std::max(box[2], x);
+    box[2] = std::max(box[2], last);
     box[3] = std::max(box[3], y);
   };
   // Which labels are target and which context, looked up per pixel instead of searching
-  // both lists; the table is cleared again below, touching only the listed labels.
+  // both lists; the table is cleared again below, touching only the listed labels. The
+  // boxes grow once per row, from the row's first and last pixel of each kind.
   for (uint16_t label : target_labels) label_bits_[label] |= kTargetPixel;
   for (uint16_t label : context_labels) label_bits_[label] |= kContextPixel;
   for (int32_t y = 0; y < h; ++y) {
     const uint16_t* d = depth.row(static_cast<uint32_t>(y));
     const uint16_t* l = label_map.row(static_cast<uint32_t>(y));
     uint8_t* f = flags_.row(static_cast<uint32_t>(y));
+    uint8_t any = 0;
     for (int32_t x = 0; x < w; ++x) {
-      uint8_t bits = 0;
-      if (d[x] != 0) {
-        const uint8_t member = label_bits_[l[x]];
-        if (member & kTargetPixel) {
-          bits |= kTargetPixel;
-          grow(target_box, x, y);
-        }
-        if (member & kContextPixel) {
-          bits |= kContextPixel;
-          grow(context_box, x, y);
-        }
-      }
+      const uint8_t bits = d[x] != 0 ? label_bits_[l[x]] : uint8_t{0};
       f[x] = bits;
+      any |= bits;
+    }
+    if (any == 0) continue;
+    for (const uint8_t kind : {kTargetPixel, kContextPixel}) {
+      if (!(any & kind)) continue;
+      int32_t first = 0, last = w - 1;
+      while (!(f[first] & kind)) ++first;
+      while (!(f[last] & kind)) --last;
+      grow(kind == kTargetPixel ? target_box : context_box, first, last, y);
     }
   }
   for (uint16_t label : target_labels) label_bits_[label] = 0;
@@ -246,24 +255,30 @@ void FrameClassifier::classify_segments(const op::Image<uint16_t>& depth,
     }
   }
 
-  // 6. Whatever is left takes the label of a finished neighbour of similar depth.
+  // 6. Whatever is left takes the label of a finished neighbour of similar depth; the
+  // first of equally near neighbours wins.
   static constexpr int kNeighbours[8][2] = {{-1, -1}, {0, -1}, {1, -1}, {-1, 0},
                                             {1, 0},   {-1, 1}, {0, 1},  {1, 1}};
   for (int32_t y = std::max(y0, 1); y <= std::min(y1, h - 2); ++y) {
+    const auto row = static_cast<uint32_t>(y);
+    // Rows y - 1, y and y + 1, indexed by a neighbour's dy + 1.
+    const uint8_t* flag_rows[3] = {flags_.row(row - 1), flags_.row(row), flags_.row(row + 1)};
+    const uint8_t* work_rows[3] = {working_flags_.row(row - 1), working_flags_.row(row),
+                                   working_flags_.row(row + 1)};
+    const uint16_t* depth_rows[3] = {depth.row(row - 1), depth.row(row), depth.row(row + 1)};
     for (int32_t x = std::max(x0, 1); x <= std::min(x1, w - 2); ++x) {
-      if (!(working_flags_.at(x, y) & kTargetPixel)) continue;
+      if (!(work_rows[1][x] & kTargetPixel)) continue;
       user_ids.at(x, y) = kUnresolvedUser;
-      const int16_t own = static_cast<int16_t>(depth.at(x, y));
+      const int16_t own = static_cast<int16_t>(depth_rows[1][x]);
       int best = -1;
       int16_t best_difference = 0;
       for (int n = 0; n < 8; ++n) {
         const int32_t nx = x + kNeighbours[n][0];
-        const int32_t ny = y + kNeighbours[n][1];
-        if (!(flags_.at(nx, ny) & kTargetPixel)) continue;
-        if (working_flags_.at(nx, ny) & kTargetPixel) continue;
+        const int r = kNeighbours[n][1] + 1;
+        if (!(flag_rows[r][nx] & kTargetPixel)) continue;
+        if (work_rows[r][nx] & kTargetPixel) continue;
         // 16-bit arithmetic, as the depths are 16-bit values.
-        const int16_t diff =
-            static_cast<int16_t>(static_cast<int16_t>(depth.at(nx, ny)) - own);
+        const int16_t diff = static_cast<int16_t>(static_cast<int16_t>(depth_rows[r][nx]) - own);
         const int16_t d = static_cast<int16_t>(diff < 0 ? -diff : diff);
         if (d >= kFillDepthLimit) continue;
         if (best < 0 || d < best_difference) {
@@ -275,15 +290,19 @@ void FrameClassifier::classify_segments(const op::Image<uint16_t>& depth,
     }
   }
 
-  // 7. Score: mean probability of this pass's pixels (0/0 = NaN without any).
+  // 7. Score: mean probability of this pass's pixels (0/0 = NaN without any). Every pixel
+  // this pass marked lies in the target box, and the marks of earlier passes were
+  // rewritten before it began, so the box holds them all, in image order.
   float probability_sum = 0.f;
   uint32_t marked = 0;
-  const uint8_t* ids = user_ids.data();
-  const PixelLabel* results = labels.data();
-  for (size_t i = 0; i < user_ids.size(); ++i) {
-    if (ids[i] == kUnresolvedUser) {
-      probability_sum += results[i].probability;
-      ++marked;
+  for (int32_t y = y0; y <= y1; ++y) {
+    const uint8_t* ids = user_ids.row(static_cast<uint32_t>(y));
+    const PixelLabel* results = labels.row(static_cast<uint32_t>(y));
+    for (int32_t x = x0; x <= x1; ++x) {
+      if (ids[x] == kUnresolvedUser) {
+        probability_sum += results[x].probability;
+        ++marked;
+      }
     }
   }
   score = probability_sum / static_cast<float>(marked);
