@@ -28,6 +28,15 @@ UserStatistics computeUserStatistics(const op::Image<uint16_t>& depth,
     const float fy = static_cast<float>(y);
     int32_t row_min = static_cast<int32_t>(width), row_max = -1;
     for (uint32_t x = 0; x < width; ++x) {
+      // Runs of 16 pixels of one label that is not the user's are passed over at once.
+      if (x % 16 == 0 && x + 16 <= width) {
+        bool uniform = true;
+        for (uint32_t k = 1; k < 16; ++k) uniform &= l[x + k] == l[x];
+        if (uniform && member[l[x]] == 0) {
+          x += 15;
+          continue;
+        }
+      }
       if (d[x] == 0 || member[l[x]] == 0) continue;
       ++count;
       // Summed pixel by pixel in image order, as floats: the order is part of the result.

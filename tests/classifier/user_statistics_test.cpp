@@ -1,5 +1,7 @@
 #include "segmentation/user_statistics.h"
 
+#include <algorithm>
+#include <random>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -77,6 +79,55 @@ TEST(UserStatisticsTest, InteriorAndEmptyUsers) {
   // The centre falls back to the initial minimum.
   EXPECT_EQ(e.centerX, 10);
   EXPECT_EQ(e.centerY, 8);
+}
+
+// Runs of one label are skipped sixteen pixels at a time: on images made of long runs
+// with a user pixel here and there (first and last of a run included), every count,
+// sum and extent matches a plain pixel-by-pixel reference.
+TEST(UserStatisticsTest, RunsOfOtherLabelsAreSkippedWithoutLosingPixels) {
+  std::mt19937 random(5);
+  for (int round = 0; round < 200; ++round) {
+    SCOPED_TRACE(round);
+    const uint32_t width = 16 + random() % 60, height = 1 + random() % 9;
+    op::Image<uint16_t> depth(width, height), labels(width, height);
+    for (uint32_t y = 0; y < height; ++y) {
+      uint16_t run = static_cast<uint16_t>(random() % 3 == 0 ? 0xFFFF : random() % 4);
+      for (uint32_t x = 0; x < width; ++x) {
+        if (random() % 23 == 0) run = static_cast<uint16_t>(random() % 4);
+        labels.at(x, y) = random() % 11 == 0 ? static_cast<uint16_t>(random() % 4) : run;
+        depth.at(x, y) = random() % 13 == 0 ? 0 : static_cast<uint16_t>(500 + random() % 3000);
+      }
+    }
+    const std::vector<uint16_t> own{1}, candidates{3};
+    const UserStatistics s = computeUserStatistics(depth, labels, own, candidates);
+
+    uint32_t count = 0;
+    float sx = 0.f, sy = 0.f, sd = 0.f;
+    int32_t x0 = static_cast<int32_t>(width), y0 = static_cast<int32_t>(height), x1 = 0, y1 = 0;
+    for (uint32_t y = 0; y < height; ++y) {
+      for (uint32_t x = 0; x < width; ++x) {
+        const uint16_t l = labels.at(x, y);
+        if (depth.at(x, y) == 0 || (l != 1 && l != 3)) continue;
+        ++count;
+        sx += static_cast<float>(x);
+        sy += static_cast<float>(y);
+        sd += static_cast<float>(depth.at(x, y));
+        x0 = std::min(x0, static_cast<int32_t>(x));
+        x1 = std::max(x1, static_cast<int32_t>(x));
+        y0 = std::min(y0, static_cast<int32_t>(y));
+        y1 = std::max(y1, static_cast<int32_t>(y));
+      }
+    }
+    ASSERT_EQ(s.pixelCount, count);
+    if (count == 0) continue;
+    EXPECT_EQ(s.meanX, sx / static_cast<float>(count));
+    EXPECT_EQ(s.meanY, sy / static_cast<float>(count));
+    EXPECT_EQ(s.meanDepth, sd / static_cast<float>(count) / 1000.f);
+    EXPECT_EQ(s.width, x1 - x0 + 1);
+    EXPECT_EQ(s.height, y1 - y0 + 1);
+    EXPECT_EQ(s.centerX, x0 + (x1 - x0 + 1) / 2);
+    EXPECT_EQ(s.centerY, y0 + (y1 - y0 + 1) / 2);
+  }
 }
 
 }  // namespace
