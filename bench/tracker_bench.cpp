@@ -1,7 +1,9 @@
 // qbt_bodytracker_update end to end, per input size and number of people in view.
+// QBT_BENCH_DATA=path/to/file.data times a trained forest instead of the random one.
 
 #include <unistd.h>
 
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -11,11 +13,14 @@
 
 #include "forest/forest_writer.h"
 #include "quorvik/body_tracking.h"
+#include "renderer.h"
+#include "scene.h"
 #include "support/person_scene.h"
 
 namespace {
 
 using namespace quorvik::skeleton;
+namespace sim = quorvik::sim;
 
 // Three trees of depth 20 with random depth-difference splits: the classification cost of a
 // trained forest without needing one.
@@ -60,15 +65,22 @@ std::string write_random_forest() {
   return path;
 }
 
-void BM_Update(benchmark::State& state) {
-  const int scale = int(state.range(0));
-  const int people = int(state.range(1));
-  static const std::string path = write_random_forest();
+// On the random forest, or on the trained data file named by QBT_BENCH_DATA.
+qbt_bodytracker_t create_tracker() {
+  static const std::string path = std::getenv("QBT_BENCH_DATA") != nullptr ? std::getenv("QBT_BENCH_DATA")
+                                                                          : write_random_forest();
   qbt_bodytracker_options_t options;
   qbt_bodytracker_fill_default_options(&options);
   options.dataFilePath = path.c_str();
   qbt_bodytracker_t tracker = nullptr;
   qbt_bodytracker_create(&options, &tracker);
+  return tracker;
+}
+
+void BM_Update(benchmark::State& state) {
+  const int scale = int(state.range(0));
+  const int people = int(state.range(1));
+  qbt_bodytracker_t tracker = create_tracker();
 
   person_scene::PersonScene scene(1000.f, 5.f, 160 * scale, 120 * scale);
   scene.floor().wall(4500);
@@ -103,6 +115,56 @@ void BM_Update(benchmark::State& state) {
 BENCHMARK(BM_Update)
     ->ArgsProduct({{1, 2, 4}, {1, 2}})
     ->ArgNames({"scale", "people"})
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
+
+// The same through the C interface, with the simulator's people walking into a furnished
+// room (what `qbt bench` and the stage benchmark track), frames rendered beforehand so
+// that updates follow one another as at a camera's frame rate with nothing else to do.
+void BM_UpdateWalkers(benchmark::State& state) {
+  const auto width = static_cast<uint32_t>(state.range(0));
+  const int people = static_cast<int>(state.range(1));
+  constexpr int kFoundBy = 150, kTimed = 90;
+  sim::ScenarioOptions o;
+  o.name = "walk-in";
+  o.people = people;
+  o.width = width;
+  o.height = width * 3 / 4;
+  o.frames = kFoundBy + kTimed;
+  o.seed = 4;
+  const sim::Scenario scenario = sim::Scenario::make(o);
+  sim::Renderer renderer(scenario);
+
+  qbt_bodytracker_t tracker = create_tracker();
+  auto run = [&](const sim::Frame& f) {
+    const qbt_depthmap_t map{f.depth.data(), static_cast<int32_t>(o.width), static_cast<int32_t>(o.height)};
+    qbt_bodyframe_t frame;
+    qbt_bodytracker_update(tracker, &map, &frame);
+    qbt_bodylist_t list;
+    qbt_bodyframe_body_list(frame, &list);
+    qbt_bodyframe_release(&frame);
+    return list.count;
+  };
+  sim::Frame frame;
+  for (int i = 0; i < kFoundBy; ++i) {
+    renderer.render(i, frame);
+    run(frame);
+  }
+  std::vector<sim::Frame> frames(kTimed);
+  for (int i = 0; i < kTimed; ++i) renderer.render(kFoundBy + i, frames[static_cast<size_t>(i)]);
+  uint32_t bodies = 0;
+  size_t i = 0;
+  for (auto _ : state) {
+    bodies = run(frames[i]);
+    i = (i + 1) % frames.size();
+  }
+  state.counters["bodies"] = bodies;
+  state.SetItemsProcessed(state.iterations());
+  qbt_bodytracker_destroy(&tracker);
+}
+BENCHMARK(BM_UpdateWalkers)
+    ->ArgsProduct({{160, 320, 640}, {1, 2}})
+    ->ArgNames({"width", "people"})
     ->Unit(benchmark::kMillisecond)
     ->UseRealTime();
 
