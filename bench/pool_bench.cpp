@@ -37,8 +37,11 @@ BENCHMARK(BM_EmptyTaskSet)->Unit(benchmark::kMicrosecond)->UseRealTime();
 
 // One classification level: a tree task per tree (two per worker) of the given length,
 // then a short combining task per worker. Wall time above 2 x length + 10 us is hand-off.
+// With the workers spread over the processors, as the tracker's are, or left to the
+// scheduler.
 void BM_ClassificationLevel(benchmark::State& state) {
   op::ThreadPool pool;
+  if (state.range(1) != 0) pool.spread_over_processors();
   const auto tree_work = std::chrono::microseconds(state.range(0));
   for (auto _ : state) {
     run_set(pool, 2 * static_cast<int>(pool.threadCount()), tree_work);
@@ -46,6 +49,10 @@ void BM_ClassificationLevel(benchmark::State& state) {
   }
   state.SetItemsProcessed(state.iterations());
 }
-BENCHMARK(BM_ClassificationLevel)->Arg(20)->Arg(60)->Unit(benchmark::kMicrosecond)->UseRealTime();
+BENCHMARK(BM_ClassificationLevel)
+    ->ArgsProduct({{20, 60}, {0, 1}})
+    ->ArgNames({"tree_us", "spread"})
+    ->Unit(benchmark::kMicrosecond)
+    ->UseRealTime();
 
 }  // namespace

@@ -32,7 +32,9 @@ class SteppedTracker {
         labels_(160, 120),
         userIds_(160, 120),
         points_(160, 120),
-        depth_(160, 120) {}
+        depth_(160, 120) {
+    pool_.spread_over_processors();  // as the tracker's own pool
+  }
 
   void update(const op::Image<uint16_t>& input, bool mirrored, double* ms) {
     auto t = Clock::now();
