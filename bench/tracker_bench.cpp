@@ -77,6 +77,31 @@ qbt_bodytracker_t create_tracker() {
   return tracker;
 }
 
+// One update and its body list, as a host makes them; returns the number of bodies.
+uint32_t update_once(qbt_bodytracker_t tracker, const uint16_t* depth, int32_t width, int32_t height) {
+  const qbt_depthmap_t map{depth, width, height};
+  qbt_bodyframe_t frame;
+  qbt_bodytracker_update(tracker, &map, &frame);
+  qbt_bodylist_t list;
+  qbt_bodyframe_body_list(frame, &list);
+  qbt_bodyframe_release(&frame);
+  return list.count;
+}
+
+// Times updates over the frames in turn, round and round, then destroys the tracker.
+void time_updates(benchmark::State& state, qbt_bodytracker_t tracker, const std::vector<const uint16_t*>& frames,
+                  int32_t width, int32_t height) {
+  uint32_t bodies = 0;
+  size_t i = 0;
+  for (auto _ : state) {
+    bodies = update_once(tracker, frames[i], width, height);
+    i = (i + 1) % frames.size();
+  }
+  state.counters["bodies"] = bodies;
+  state.SetItemsProcessed(state.iterations());
+  qbt_bodytracker_destroy(&tracker);
+}
+
 void BM_Update(benchmark::State& state) {
   const int scale = int(state.range(0));
   const int people = int(state.range(1));
@@ -92,25 +117,10 @@ void BM_Update(benchmark::State& state) {
       scene.walk_to(p, std::min(-2600.f - 1200.f * p + 30.f * i, -400.f + 800.f * p), 2600.f + 600.f * p);
     frames.push_back(scene.render());
   }
-  auto run = [&](size_t i) {
-    const qbt_depthmap_t map{frames[i].data(), scene.width(), scene.height()};
-    qbt_bodyframe_t frame;
-    qbt_bodytracker_update(tracker, &map, &frame);
-    qbt_bodylist_t list;
-    qbt_bodyframe_body_list(frame, &list);
-    qbt_bodyframe_release(&frame);
-    return list.count;
-  };
-  uint32_t bodies = 0;
-  for (size_t i = 0; i < 120; ++i) bodies = run(i);  // walk in and get tracked
-  size_t i = 120;
-  for (auto _ : state) {
-    bodies = run(i);
-    i = i + 1 < frames.size() ? i + 1 : 120;
-  }
-  state.counters["bodies"] = bodies;
-  state.SetItemsProcessed(state.iterations());
-  qbt_bodytracker_destroy(&tracker);
+  for (size_t i = 0; i < 120; ++i) update_once(tracker, frames[i].data(), scene.width(), scene.height());
+  std::vector<const uint16_t*> timed;
+  for (size_t i = 120; i < frames.size(); ++i) timed.push_back(frames[i].data());
+  time_updates(state, tracker, timed, scene.width(), scene.height());
 }
 BENCHMARK(BM_Update)
     ->ArgsProduct({{1, 2, 4}, {1, 2}})
@@ -136,31 +146,19 @@ void BM_UpdateWalkers(benchmark::State& state) {
   sim::Renderer renderer(scenario);
 
   qbt_bodytracker_t tracker = create_tracker();
-  auto run = [&](const sim::Frame& f) {
-    const qbt_depthmap_t map{f.depth.data(), static_cast<int32_t>(o.width), static_cast<int32_t>(o.height)};
-    qbt_bodyframe_t frame;
-    qbt_bodytracker_update(tracker, &map, &frame);
-    qbt_bodylist_t list;
-    qbt_bodyframe_body_list(frame, &list);
-    qbt_bodyframe_release(&frame);
-    return list.count;
-  };
+  const auto w = static_cast<int32_t>(o.width), h = static_cast<int32_t>(o.height);
   sim::Frame frame;
   for (int i = 0; i < kFoundBy; ++i) {
     renderer.render(i, frame);
-    run(frame);
+    update_once(tracker, frame.depth.data(), w, h);
   }
   std::vector<sim::Frame> frames(kTimed);
-  for (int i = 0; i < kTimed; ++i) renderer.render(kFoundBy + i, frames[static_cast<size_t>(i)]);
-  uint32_t bodies = 0;
-  size_t i = 0;
-  for (auto _ : state) {
-    bodies = run(frames[i]);
-    i = (i + 1) % frames.size();
+  std::vector<const uint16_t*> timed;
+  for (int i = 0; i < kTimed; ++i) {
+    renderer.render(kFoundBy + i, frames[static_cast<size_t>(i)]);
+    timed.push_back(frames[static_cast<size_t>(i)].depth.data());
   }
-  state.counters["bodies"] = bodies;
-  state.SetItemsProcessed(state.iterations());
-  qbt_bodytracker_destroy(&tracker);
+  time_updates(state, tracker, timed, w, h);
 }
 BENCHMARK(BM_UpdateWalkers)
     ->ArgsProduct({{160, 320, 640}, {1, 2}})
