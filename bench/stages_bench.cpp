@@ -91,9 +91,11 @@ struct Analyzed {
     truth = frames.back();
     camera.to_world(truth.depth, points);
   }
-  const TrackedUser* user() const {
+  // The followed user, or null after marking the benchmark as skipped.
+  const TrackedUser* user(benchmark::State& state) const {
     for (const TrackedUser& u : users)
       if (u.lost == 0) return &u;
+    state.SkipWithError("the users stage found nobody");
     return nullptr;
   }
 };
@@ -146,11 +148,8 @@ BENCHMARK(BM_UsersAndFloor)->Arg(1)->Arg(2)->ArgName("people")->Unit(benchmark::
 // 3 AVX, 4 AVX2, 5 FMA, 6 the dispatcher's choice).
 void BM_ClassifySimulatedUser(benchmark::State& state) {
   Analyzed& a = analyzed();
-  const TrackedUser* user = a.user();
-  if (user == nullptr) {
-    state.SkipWithError("the users stage found nobody");
-    return;
-  }
+  const TrackedUser* user = a.user(state);
+  if (user == nullptr) return;
   const std::unique_ptr<ScopedKernelOverride> forced = force_kernel_build(state, state.range(0));
   if (state.error_occurred()) return;
   FrameClassifier classifier(&forest());
@@ -176,11 +175,8 @@ BENCHMARK(BM_ClassifySimulatedUser)->DenseRange(0, 6)->Unit(benchmark::kMicrosec
 // thread, with the dispatcher's build: the walk alone, without the pool.
 void BM_TreeWalkLevel1(benchmark::State& state) {
   Analyzed& a = analyzed();
-  const TrackedUser* user = a.user();
-  if (user == nullptr) {
-    state.SkipWithError("the users stage found nobody");
-    return;
-  }
+  const TrackedUser* user = a.user(state);
+  if (user == nullptr) return;
   const op::Image<uint16_t>& segments = a.analyzer.userLabels();
   const UserLevel level(a.truth.depth, computeUserStatistics(a.truth.depth, segments, user->labels, user->candidates),
                         [&](uint32_t x, uint32_t y) {
