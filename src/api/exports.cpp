@@ -296,6 +296,10 @@ qbt_result_t qbt_bodytracker_update(qbt_bodytracker_t bodyTracker, const qbt_dep
   if (bodyFrame == nullptr) return invalid(name, "bodyFrame is null");
   *bodyFrame = kInvalidBodyFrame;
   if (depthMap == nullptr) return invalid(name, "depthMap is null");
+  // A null buffer of a positive size would be read by the copy; sizes of 0 or below are the
+  // size check's to refuse.
+  if (depthMap->data == nullptr && depthMap->width > 0 && depthMap->height > 0)
+    return invalid(name, "depthMap data is null");
   // Errors from the core are reported under the core's own name; exceptions under ours.
   return guarded(
       name,
@@ -310,6 +314,10 @@ qbt_result_t qbt_bodytracker_update_async(qbt_bodytracker_t bodyTracker, const q
   if (asyncBodyFrame == nullptr) return invalid(name, "asyncBodyFrame is null");
   *asyncBodyFrame = kInvalidAsyncBodyFrame;
   if (depthMap == nullptr) return invalid(name, "depthMap is null");
+  // A null buffer of a positive size would be read by the copy; sizes of 0 or below are the
+  // size check's to refuse.
+  if (depthMap->data == nullptr && depthMap->width > 0 && depthMap->height > 0)
+    return invalid(name, "depthMap data is null");
   return guarded(
       name,
       [&]() -> qbt_result_t {
