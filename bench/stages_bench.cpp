@@ -154,7 +154,6 @@ void BM_ClassifySimulatedUser(benchmark::State& state) {
   if (state.error_occurred()) return;
   FrameClassifier classifier(&forest());
   op::ThreadPool pool;
-  pool.spread_over_processors();  // as the tracker's own pool
   op::Image<PixelLabel> labels(160, 120);
   op::Image<uint8_t> ids(160, 120);
   const ClassifierUser classified{user->id, user->labels, user->candidates};

@@ -1,19 +1,15 @@
 #include "classifier/frame_classifier.h"
 
 #include <algorithm>
-#include <atomic>
-#include <chrono>
 #include <cstring>
-#include <exception>
-#include <mutex>
 #include <stdexcept>
-#include <thread>
 
 #include <spdlog/logger.h>
 
 #include "classifier/arch/dispatch.h"
 #include "classifier/depth_features.h"
 #include "op/logging.h"
+#include "op/task_set.h"
 #include "op/thread_pool.h"
 
 namespace quorvik::skeleton {
@@ -21,73 +17,8 @@ namespace quorvik::skeleton {
 namespace {
 
 constexpr int64_t kWaitWarnMs = 500;
-// A set of tree or combining tasks takes tens to a few hundred microseconds, and a sleep
-// and wake-up of the calling thread costs 30-40 us on a small virtual machine, several
-// times per user. Yielding lets a worker on the same processor run and notices the end at
-// once; only unusually long sets are slept through.
-constexpr auto kSpinBeforeSleep = std::chrono::microseconds(300);
 // Neighbours nearer than this in depth may lend their label to an unfinished pixel.
 constexpr int kFillDepthLimit = 100;
-
-// Tasks of one set: the group the pool waits on, plus a count of our own, so that a task
-// the pool refused (which cancels the group) and which therefore ran on the calling
-// thread cannot make the caller return while queued tasks still use its data. The first
-// exception a task raises (a feature kind no build evaluates) is raised again by wait(),
-// on the calling thread, once every task has finished.
-class TaskSet {
- public:
-  TaskSet() : group_(std::make_shared<op::ActionGroupState>()) {}
-
-  template <typename F>
-  void submit(op::ThreadPool& pool, uint64_t worker, F&& fn) {
-    unfinished_.fetch_add(1, std::memory_order_relaxed);
-    auto task = [this, fn]() {
-      try {
-        fn();
-      } catch (...) {
-        std::lock_guard lock(failure_mutex_);
-        if (!failure_) failure_ = std::current_exception();
-      }
-      unfinished_.fetch_sub(1, std::memory_order_release);
-    };
-    // Waits for room in a full queue rather than dropping the task.
-    auto submitted = pool.submit_waiting(worker, task, group_);
-    if (submitted.is_error()) task();
-  }
-
-  void wait(spdlog::logger& logger, const char* warning) {
-    {
-      const auto until = std::chrono::steady_clock::now() + kSpinBeforeSleep;
-      while (unfinished_.load(std::memory_order_acquire) != 0 &&
-             std::chrono::steady_clock::now() < until) {
-        std::this_thread::yield();
-      }
-    }
-    while (!group_->wait_for(kWaitWarnMs)) {
-      bool cancelled;
-      {
-        std::lock_guard lock(group_->mutex);
-        cancelled = !group_->active;
-      }
-      if (cancelled) {
-        // The group no longer tracks its members; fall back to our own count.
-        while (unfinished_.load(std::memory_order_acquire) != 0) {
-          std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        }
-        break;
-      }
-      logger.warn(warning);
-    }
-    std::lock_guard lock(failure_mutex_);
-    if (failure_) std::rethrow_exception(failure_);
-  }
-
- private:
-  std::shared_ptr<op::ActionGroupState> group_;
-  std::atomic<uint32_t> unfinished_{0};
-  std::mutex failure_mutex_;
-  std::exception_ptr failure_;
-};
 
 // A pass marks pixels of its target box only, and the region covers every target box of
 // the call, so the region holds every mark there is.
@@ -345,24 +276,24 @@ void FrameClassifier::classify_subframe_LOD_parallel(const op::Image<uint16_t>& 
   std::vector<op::Image<uint32_t>>& node_images = node_images_;
   node_images.resize(tree_count);
   {
-    TaskSet trees;
+    op::TaskSet trees(pool, &gauge_);
     for (size_t t = 0; t < tree_count; ++t) {
       const KernelTree* tree = &packed_->tree(t);
       op::Image<uint32_t>* image = &node_images[t];
-      trees.submit(pool, t % workers, [tree, image, &depth, &params] {
+      trees.submit(t % workers, [tree, image, &depth, &params] {
         evaluate_tree(*tree, depth, params, *image);
       });
     }
-    trees.wait(*logger_,
-               "FrameClassifier::classify_subframe_LOD_parallel waiting for more than 500 ms");
+    trees.wait(kWaitWarnMs,
+               [&] { logger_->warn("FrameClassifier::classify_subframe_LOD_parallel waiting for more than 500 ms"); });
   }
-  accumulate_distributions_parallel(*packed_, node_images, params, labels, *logger_, user_ids);
+  accumulate_distributions_parallel(*packed_, node_images, params, labels, *logger_, user_ids, &gauge_);
 }
 
 void FrameClassifier::accumulate_distributions_parallel(
     const PackedForest& forest, const std::vector<op::Image<uint32_t>>& node_images,
     const ClassifyParams& params, op::Image<PixelLabel>& labels, spdlog::logger& logger,
-    op::Image<uint8_t>& user_ids) {
+    op::Image<uint8_t>& user_ids, op::HelpGauge* gauge) {
   op::ThreadPool& pool = *params.pool;
   const uint64_t workers = pool.threadCount();
   if (workers == 0) throw std::logic_error("FrameClassifier: the pool has no worker");
@@ -372,9 +303,9 @@ void FrameClassifier::accumulate_distributions_parallel(
   const uint32_t tree_count = static_cast<uint32_t>(forest.tree_count());
   const op::Image<uint8_t>& flags = *params.working_flags;
 
-  TaskSet shares;
+  op::TaskSet shares(pool, gauge);
   for (uint64_t share = 0; share < workers; ++share) {
-    shares.submit(pool, share, [&, share] {
+    shares.submit(share, [&, share] {
       // Grid rows share, share + N, share + 2N, ...: every worker gets a similar part
       // of the user even when the user fills only part of the box.
       for (int64_t y = y0 + s * static_cast<int64_t>(share); y <= y1;
@@ -403,8 +334,8 @@ void FrameClassifier::accumulate_distributions_parallel(
       }
     });
   }
-  shares.wait(logger,
-              "FrameClassifier::accumulate_distributions_parallel waiting for more than 500 ms");
+  shares.wait(kWaitWarnMs,
+              [&] { logger.warn("FrameClassifier::accumulate_distributions_parallel waiting for more than 500 ms"); });
 }
 
 }  // namespace quorvik::skeleton

@@ -16,6 +16,7 @@
 #include "skeleton/region_box.h"
 #include "forest/decision_forest.h"
 #include "op/image.h"
+#include "op/task_set.h"
 #include "segmentation/user_statistics.h"
 
 namespace spdlog {
@@ -75,7 +76,8 @@ class FrameClassifier {
                                                 const ClassifyParams& params,
                                                 op::Image<PixelLabel>& labels,
                                                 spdlog::logger& logger,
-                                                op::Image<uint8_t>& user_ids);
+                                                op::Image<uint8_t>& user_ids,
+                                                op::HelpGauge* gauge = nullptr);
 
  private:
   const DecisionForest* forest_;
@@ -86,6 +88,7 @@ class FrameClassifier {
   std::vector<uint16_t> target_labels_;
   std::vector<uint8_t> label_bits_ = std::vector<uint8_t>(65536, 0);  // PixelFlags per segment label
   std::vector<op::Image<uint32_t>> node_images_;                        // one per tree
+  op::HelpGauge gauge_;  // whether the pool's workers currently help
   std::shared_ptr<spdlog::logger> logger_;
 };
 

@@ -4,7 +4,6 @@
 #include <cstdio>
 
 #if defined(__linux__)
-#include <pthread.h>
 #include <sched.h>
 #endif
 
@@ -18,6 +17,16 @@ namespace {
 // of its own work between users) would otherwise pay a sleep and a wake-up, tens of
 // microseconds each, between every two sets.
 constexpr auto kSpinBeforeSleep = std::chrono::microseconds(300);
+
+// Processors this process may run on; the hardware count where the platform cannot say.
+unsigned usable_processors() {
+#if defined(__linux__)
+  cpu_set_t allowed;
+  CPU_ZERO(&allowed);
+  if (sched_getaffinity(0, sizeof allowed, &allowed) == 0) return static_cast<unsigned>(CPU_COUNT(&allowed));
+#endif
+  return std::thread::hardware_concurrency();
+}
 
 }  // namespace
 
@@ -50,11 +59,11 @@ bool TaskQueue::push_waiting(std::unique_ptr<Action>& action, const std::atomic<
   return true;
 }
 
-std::unique_ptr<Action> TaskQueue::take(uint64_t waitMs) {
+std::unique_ptr<Action> TaskQueue::take(uint64_t waitMs, std::chrono::microseconds spin) {
   {
     // Only this worker takes from the queue, so the queue is empty exactly while the
     // insertions equal the worker's own removals.
-    const auto until = std::chrono::steady_clock::now() + kSpinBeforeSleep;
+    const auto until = std::chrono::steady_clock::now() + spin;
     while (insertions_.load(std::memory_order_acquire) == removals_ &&
            std::chrono::steady_clock::now() < until) {
       std::this_thread::yield();
@@ -87,7 +96,9 @@ uint64_t ThreadPool::default_thread_count() {
 }
 
 ThreadPool::ThreadPool(uint64_t threadCount)
-    : threadCount_(threadCount == 0 ? 1 : threadCount), queues_(std::make_unique<TaskQueue[]>(threadCount_)) {
+    : threadCount_(threadCount == 0 ? 1 : threadCount),
+      queues_(std::make_unique<TaskQueue[]>(threadCount_)),
+      spinBeforeSleep_(usable_processors() > 1 ? kSpinBeforeSleep : std::chrono::microseconds(0)) {
   threads_.reserve(threadCount_);
   for (uint64_t i = 0; i < threadCount_; ++i) threads_.emplace_back([this, i] { worker(i); });
 }
@@ -113,36 +124,10 @@ std::optional<SubmitError> ThreadPool::enqueue(uint64_t worker, std::unique_ptr<
   return std::nullopt;
 }
 
-bool ThreadPool::spread_over_processors() {
-#if defined(__linux__)
-  // Workers that keep looking for their next action stay runnable, and the scheduler may
-  // then leave two of them sharing one processor while another idles: the tasks of a set
-  // run one after the other instead of side by side.
-  cpu_set_t allowed;
-  CPU_ZERO(&allowed);
-  if (sched_getaffinity(0, sizeof allowed, &allowed) != 0) return false;
-  std::vector<int> processors;
-  for (int cpu = 0; cpu < CPU_SETSIZE; ++cpu) {
-    if (CPU_ISSET(cpu, &allowed)) processors.push_back(cpu);
-  }
-  if (processors.size() < 2) return false;
-  bool all = true;
-  for (uint64_t i = 0; i < threads_.size(); ++i) {
-    cpu_set_t one;
-    CPU_ZERO(&one);
-    CPU_SET(processors[i % processors.size()], &one);
-    all = pthread_setaffinity_np(threads_[i].native_handle(), sizeof one, &one) == 0 && all;
-  }
-  return all;
-#else
-  return false;
-#endif
-}
-
 void ThreadPool::worker(uint64_t index) {
   TaskQueue& queue = queues_[index];
   while (running_.load()) {
-    std::unique_ptr<Action> action = queue.take(waitMs_);
+    std::unique_ptr<Action> action = queue.take(waitMs_, spinBeforeSleep_);
     if (action && running_.load() && !action->has_run()) action->run();
   }
 }

@@ -4,6 +4,7 @@
 // time in submission order.
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <memory>
@@ -30,7 +31,7 @@ class TaskQueue {
   // Waits for room while `running` holds; consumes the action on success.
   bool push_waiting(std::unique_ptr<Action>& action, const std::atomic<bool>& running);
   // Waits at most `waitMs` for an action; null when none came.
-  std::unique_ptr<Action> take(uint64_t waitMs);
+  std::unique_ptr<Action> take(uint64_t waitMs, std::chrono::microseconds spin);
   uint64_t queued();
 
  private:
@@ -89,10 +90,6 @@ class ThreadPool {
   void terminate();
   uint64_t threadCount() const { return threadCount_; }
 
-  // Keeps worker i on the i-th processor the process may run on (wrapping around), for
-  // pools whose workers run one set of equal tasks at a time. Returns false, changing
-  // nothing, where the platform cannot do it or the process may use only one processor.
-  bool spread_over_processors();
 
  private:
   // Returns the error, or nothing when the queue took the action. A refused action is
@@ -105,6 +102,9 @@ class ThreadPool {
   std::unique_ptr<TaskQueue[]> queues_;
   std::atomic<bool> running_{true};
   uint64_t waitMs_ = 100;
+  // Zero where the process may use one processor only: a looking worker would then only
+  // take time from the thread that feeds it.
+  std::chrono::microseconds spinBeforeSleep_;
   std::atomic<bool> alive_{true};
   std::mutex terminateMutex_;
 };

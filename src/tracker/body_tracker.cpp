@@ -71,11 +71,7 @@ BodyTracker::BodyTracker(const TrackerOptions& options, DecisionForest forest, u
       worldPoints_(blockWidth, blockHeight),
       depth_(blockWidth, blockHeight),
       logger_(op::get_logger("BodyTracker")),
-      classifier_(std::make_unique<FrameClassifier>(&forest_)) {
-  // The trees of a level are spread over the workers; they only run side by side if the
-  // workers are on different processors.
-  pool_.spread_over_processors();
-}
+      classifier_(std::make_unique<FrameClassifier>(&forest_)) {}
 
 BodyTracker::~BodyTracker() = default;
 

@@ -7,9 +7,6 @@
 
 #include <gtest/gtest.h>
 
-#if defined(__linux__)
-#include <sched.h>
-#endif
 
 namespace op {
 namespace {
@@ -101,39 +98,6 @@ TEST(ThreadPool, EveryWorkerTakesItsOwnQueue) {
   EXPECT_EQ(*bad.error(), SubmitError::NoSuchWorker);
 }
 
-#if defined(__linux__)
-// Each worker reads its own affinity: after spreading, worker i may run on the i-th
-// allowed processor only, wrapping around when there are more workers than processors.
-TEST(ThreadPool, SpreadingKeepsEachWorkerOnItsOwnProcessor) {
-  cpu_set_t allowed;
-  CPU_ZERO(&allowed);
-  ASSERT_EQ(sched_getaffinity(0, sizeof allowed, &allowed), 0);
-  std::vector<int> processors;
-  for (int cpu = 0; cpu < CPU_SETSIZE; ++cpu) {
-    if (CPU_ISSET(cpu, &allowed)) processors.push_back(cpu);
-  }
-  const uint64_t workers = processors.size() + 1;
-  ThreadPool pool(workers);
-  const bool spread = pool.spread_over_processors();
-  EXPECT_EQ(spread, processors.size() > 1);
-
-  std::vector<cpu_set_t> seen(workers);
-  auto group = std::make_shared<ActionGroupState>();
-  for (uint64_t w = 0; w < workers; ++w) {
-    ASSERT_TRUE(pool.submit(w, [&seen, w] { sched_getaffinity(0, sizeof seen[w], &seen[w]); }, group).is_ok());
-  }
-  ASSERT_TRUE(group->wait_for(60000));
-  for (uint64_t w = 0; w < workers; ++w) {
-    SCOPED_TRACE(w);
-    if (!spread) {
-      EXPECT_TRUE(CPU_EQUAL(&seen[w], &allowed));
-      continue;
-    }
-    EXPECT_EQ(CPU_COUNT(&seen[w]), 1);
-    EXPECT_TRUE(CPU_ISSET(processors[w % processors.size()], &seen[w]));
-  }
-}
-#endif
 
 TEST(ThreadPool, TerminateAbandonsQueuedWorkAndReportsIt) {
   testing::internal::CaptureStdout();

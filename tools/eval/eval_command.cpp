@@ -106,6 +106,7 @@ struct BenchArgs {
   uint64_t seed = BenchOptions{}.seed;
   std::vector<uint32_t> widths{160, 320, 640};
   std::vector<int> people{1, 2};
+  int busy = 0;
 };
 
 void run_bench(const BenchArgs& a, const DataResolver& resolve) {
@@ -115,6 +116,7 @@ void run_bench(const BenchArgs& a, const DataResolver& resolve) {
   options.seed = a.seed;
   options.widths = a.widths;
   options.people = a.people;
+  options.busy = a.busy;
   for (uint32_t w : options.widths) {
     if (w == 0 || w % 160 != 0) {
       std::cerr << "widths must be multiples of 160\n";
@@ -207,6 +209,9 @@ void add_bench_command(CLI::App& app, quorvik::eval::DataResolver resolveData) {
   sub->add_option("--seed", args->seed, "seed of the simulated recordings")->capture_default_str();
   sub->add_option("--widths", args->widths, "frame widths (multiples of 160)")->capture_default_str();
   sub->add_option("--people", args->people, "people counts")->capture_default_str();
+  sub->add_option("--busy", args->busy, "threads kept busy beside the tracker, as a host's would be")
+      ->capture_default_str()
+      ->check(CLI::Range(0, 64));
   sub->callback([args, resolveData] {
     try {
       run_bench(*args, resolveData);

@@ -1,9 +1,12 @@
 #include "stage_timer.h"
 
+#include <algorithm>
 #include <chrono>
+#include <vector>
 
 #include <fmt/format.h>
 
+#include "busy_threads.h"
 #include "classifier/frame_classifier.h"
 #include "op/thread_pool.h"
 #include "renderer.h"
@@ -32,9 +35,7 @@ class SteppedTracker {
         labels_(160, 120),
         userIds_(160, 120),
         points_(160, 120),
-        depth_(160, 120) {
-    pool_.spread_over_processors();  // as the tracker's own pool
-  }
+        depth_(160, 120) {}
 
   void update(const op::Image<uint16_t>& input, bool mirrored, double* ms) {
     auto t = Clock::now();
@@ -118,13 +119,15 @@ std::vector<StageTiming> time_stages(const DecisionForest& forest, const BenchOp
       row.height = o.height;
       row.people = people;
       double scratch[kStageCount] = {};
+      std::vector<double> updates;
       sim::Frame frame;
+      const BusyThreads busy(options.busy);
       for (int i = 0; i < o.frames; ++i) {
         renderer.render(i, frame);
         const bool timed = i >= options.warmup;
         const auto t = Clock::now();
         (void)tracker.update(width, o.height, frame.depth.data());
-        if (timed) row.updateMs += ms_since(t);
+        if (timed) updates.push_back(ms_since(t));
         stepped.update(frame.depth, false, timed ? row.stageMs : scratch);
         if (!timed) continue;
         ++row.frames;
@@ -132,7 +135,11 @@ std::vector<StageTiming> time_stages(const DecisionForest& forest, const BenchOp
           row.bodies += b.status == BodyStatus::Tracking || b.status == BodyStatus::TrackingStarted ? 1 : 0;
       }
       if (row.frames > 0) {
+        for (double ms : updates) row.updateMs += ms;
         row.updateMs /= row.frames;
+        std::sort(updates.begin(), updates.end());
+        row.medianMs = updates[updates.size() / 2];
+        row.p99Ms = updates[std::min(updates.size() - 1, updates.size() * 99 / 100)];
         for (double& v : row.stageMs) v /= row.frames;
         row.bodies /= row.frames;
       }
@@ -143,18 +150,19 @@ std::vector<StageTiming> time_stages(const DecisionForest& forest, const BenchOp
 }
 
 void print_stage_table(std::ostream& out, const std::vector<StageTiming>& rows) {
-  out << fmt::format("{:<9}{:>7}{:>8}{:>9}{:>8}", "size", "people", "bodies", "ms/frame", "fps");
+  out << fmt::format("{:<9}{:>7}{:>8}{:>9}{:>8}{:>8}{:>8}", "size", "people", "bodies", "ms/frame", "median", "p99",
+                     "fps");
   for (const char* name : kStageNames) out << fmt::format("{:>16}", name);
   out << "\n";
   for (const StageTiming& r : rows) {
-    out << fmt::format("{:<9}{:>7}{:>8.1f}{:>9.2f}{:>8.0f}", fmt::format("{}x{}", r.width, r.height), r.people,
-                       r.bodies, r.updateMs, r.fps());
+    out << fmt::format("{:<9}{:>7}{:>8.1f}{:>9.2f}{:>8.2f}{:>8.2f}{:>8.0f}", fmt::format("{}x{}", r.width, r.height),
+                       r.people, r.bodies, r.updateMs, r.medianMs, r.p99Ms, r.fps());
     const double total = r.stage_total();
     for (double ms : r.stageMs)
       out << fmt::format("{:>16}", fmt::format("{:.2f} ({:.0f}%)", ms, total > 0 ? 100.0 * ms / total : 0.0));
     out << "\n";
   }
-  out << "ms/frame and fps: the tracker's update; stages: the same frames step by step, mean ms (share of"
+  out << "ms/frame (mean), median, p99 and fps: the tracker's update; stages: the same frames step by step, mean ms (share of"
          " their sum)\n";
 }
 
@@ -171,6 +179,8 @@ nlohmann::json stage_json(const std::vector<StageTiming>& rows) {
                    {"frames", r.frames},
                    {"bodies", r.bodies},
                    {"ms_per_frame", r.updateMs},
+                   {"median_ms", r.medianMs},
+                   {"p99_ms", r.p99Ms},
                    {"fps", r.fps()},
                    {"stages", stages}});
   }

@@ -24,6 +24,7 @@ struct StageTiming {
   int people = 0;
   int frames = 0;           // timed frames
   double updateMs = 0;      // mean whole update (the tracker itself)
+  double medianMs = 0, p99Ms = 0;
   double stageMs[kStageCount] = {};  // mean per stage (the stepwise copy)
   double bodies = 0;        // mean tracked bodies per timed frame
 
@@ -37,6 +38,7 @@ struct BenchOptions {
   int warmup = 150;  // frames before timing: the people walk in and are found
   int frames = 90;
   uint64_t seed = 7;
+  int busy = 0;  // threads kept busy beside the tracker while it is timed
 };
 
 std::vector<StageTiming> time_stages(const skeleton::DecisionForest& forest, const BenchOptions& options);
