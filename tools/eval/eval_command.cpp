@@ -60,13 +60,18 @@ struct EvalArgs {
   std::string plots;
   std::string floorFile = QBT_EVAL_FLOOR_FILE;
   std::string writeFloor;
+  uint64_t seedShift = 0;
+  std::string only;
 };
 
 void run_eval(const EvalArgs& a, const DataResolver& resolve) {
   // Read before the run, so that a wrong path does not cost a whole evaluation.
   const nlohmann::json floors = a.quick ? read_json(a.floorFile) : nlohmann::json{};
   const Evaluator evaluator(load(a.data, resolve));
-  const std::vector<EvalCase> cases = a.quick ? quick_cases() : full_cases();
+  std::vector<EvalCase> cases = with_seed_shift(a.quick ? quick_cases() : full_cases(), a.seedShift);
+  if (!a.only.empty()) {
+    std::erase_if(cases, [&](const EvalCase& c) { return c.label.find(a.only) == std::string::npos; });
+  }
   const auto start = std::chrono::steady_clock::now();
   const std::vector<CaseResult> results = evaluator.run_all(cases, [&](const CaseResult& r) {
     std::cerr << fmt::format("{:<22} {:6.1f} s\n", r.evalCase.label, r.totalSeconds);
@@ -187,6 +192,9 @@ void add_eval_command(CLI::App& app, quorvik::eval::DataResolver resolveData) {
   sub->add_option("--plots", args->plots, "write PNG plots into this folder");
   sub->add_option("--floor", args->floorFile, "floors the quick run is held to")->capture_default_str();
   sub->add_option("--write-floor", args->writeFloor, "write the current results, loosened by a margin, as floors");
+  sub->add_option("--seed-shift", args->seedShift, "move every case's seed by this much (fresh draws)")
+      ->check(CLI::Range(uint64_t{0}, uint64_t{900000}));
+  sub->add_option("--only", args->only, "run only the cases whose label contains this text");
   sub->callback([args, resolveData] {
     try {
       run_eval(*args, resolveData);

@@ -22,10 +22,10 @@ Overlap count_overlap(const uint8_t* bodyMask, const uint8_t* truthIds, size_t p
   // Dense counts first: the maps are only for the few ids that occur.
   std::vector<std::array<uint32_t, 256>> table(256);
   std::array<uint32_t, 256> body{}, onPeople{};
-  std::array<bool, 256> personSeen{};
+  std::array<uint32_t, 256> person{};
   for (size_t i = 0; i < pixels; ++i) {
     const uint8_t b = bodyMask[i], p = truthIds[i];
-    if (p != 0) personSeen[p] = true;
+    ++person[p];
     if (b == 0) continue;
     ++body[b];
     if (p != 0) {
@@ -35,7 +35,8 @@ Overlap count_overlap(const uint8_t* bodyMask, const uint8_t* truthIds, size_t p
   }
   Overlap o;
   for (int p = 1; p < 256; ++p) {
-    if (!personSeen[p]) continue;
+    if (person[p] == 0) continue;
+    o.personPixels[static_cast<uint8_t>(p)] = person[p];
     auto& row = o.personBody[static_cast<uint8_t>(p)];
     for (int b = 1; b < 256; ++b)
       if (table[p][b] != 0) row[static_cast<uint8_t>(b)] = table[p][b];
@@ -176,6 +177,17 @@ void Tally::merge(const Tally& o) {
   partCorrect += o.partCorrect;
   personPixels += o.personPixels;
   personLabelled += o.personLabelled;
+  maskShared += o.maskShared;
+  maskPixels += o.maskPixels;
+  maskTruth += o.maskTruth;
+}
+
+double Tally::mask_precision() const {
+  return maskPixels == 0 ? 0.0 : static_cast<double>(maskShared) / static_cast<double>(maskPixels);
+}
+
+double Tally::mask_recall() const {
+  return maskTruth == 0 ? 0.0 : static_cast<double>(maskShared) / static_cast<double>(maskTruth);
 }
 
 double Tally::detection_rate() const {

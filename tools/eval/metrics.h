@@ -34,6 +34,7 @@ struct Overlap {
   std::map<uint8_t, std::map<uint8_t, uint32_t>> personBody;  // person -> body -> shared pixels
   std::map<uint8_t, uint32_t> bodyPixels;                     // body -> mask pixels
   std::map<uint8_t, uint32_t> bodyOnPeople;                   // body -> mask pixels on any person
+  std::map<uint8_t, uint32_t> personPixels;                   // person -> truth pixels
 };
 Overlap count_overlap(const uint8_t* bodyMask, const uint8_t* truthIds, size_t pixels);
 
@@ -107,6 +108,9 @@ struct Tally {
   std::vector<float> floorError;  // degrees, on frames with a detected floor
   uint64_t partCompared = 0, partCorrect = 0;  // pixels with truth person and tracker label
   uint64_t personPixels = 0, personLabelled = 0;  // coverage
+  // Body masks of tracked people against their truth pixels, at the input size, summed
+  // over the frames in which the person maps to a body.
+  uint64_t maskShared = 0, maskPixels = 0, maskTruth = 0;
 
   // A visible truth joint and what the matched body said about it (None: not reported or
   // no body); `error` and `distanceMm` are read only when reported.
@@ -116,6 +120,8 @@ struct Tally {
   double part_accuracy() const;
   double coverage() const;
   double floor_found() const;
+  double mask_precision() const;
+  double mask_recall() const;
 };
 
 }  // namespace quorvik::eval

@@ -34,6 +34,9 @@ EvalCase make_case(std::string label, std::string name, int people, uint32_t wid
 // The full benchmark and the short one the CI runs.
 std::vector<EvalCase> full_cases();
 std::vector<EvalCase> quick_cases();
+// The same cases drawn anew: every seed moved by `shift`. A shift kept aside and never tuned
+// on tells whether a change only fits the usual draws.
+std::vector<EvalCase> with_seed_shift(std::vector<EvalCase> cases, uint64_t shift);
 
 sim::Scenario build_scenario(const EvalCase& c);
 
