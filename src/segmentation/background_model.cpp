@@ -489,6 +489,13 @@ void BackgroundModel::take_region(const Array2D<uint16_t>& shift, const Array2D<
   newBackground.newest() += static_cast<uint32_t>(std::max(weight, 0));
 }
 
+void BackgroundModel::forget(const Array2D<uint16_t>& labels, uint16_t id) {
+  if (!labels.same_shape(background)) return;
+  for (int32_t i = 0; i < pixelCount; ++i) {
+    if (labels[i] == id) background[i] = 0;
+  }
+}
+
 void BackgroundModel::absorb(const Array2D<uint16_t>& shift, const Array2D<uint16_t>& labels) {
   const bool labelsUsable = labels.same_shape(background);
   for (int32_t i = 0; i < pixelCount; ++i) {

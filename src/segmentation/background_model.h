@@ -44,6 +44,8 @@ class BackgroundModel {
   // background at once.
   void take_region(const Array2D<uint16_t>& shift, const Array2D<uint16_t>& labels, uint16_t id,
                    const Box3D<int>& box, int32_t weight);
+  // The background under the pixels labelled `id` becomes unknown.
+  void forget(const Array2D<uint16_t>& labels, uint16_t id);
   // Foreground that belongs to nobody for kAbsorbFrames frames in a row becomes background.
   void absorb(const Array2D<uint16_t>& shift, const Array2D<uint16_t>& labels);
 

@@ -66,12 +66,17 @@ LabelOutput SegmentationEngine::process(const SegmentationFrame& frame) {
 
   candidates_.process(input_.raw(0), input_.shift(0), input_.shadow(0));
   floor_.update(input_.shift(0), background_.background, background_.resetThisFrame);
-  users_.stage1(input_, floor_.mask(), floor_.has_floor(), background_);
+  FloorShiftPlane plane;
+  if (floor_.has_floor()) plane = {true, floor_.current().a, floor_.current().b, floor_.current().c};
+  users_.stage1(input_, floor_.mask(), floor_.has_floor(), background_, plane);
   for (const HandedBackRegion& region : users_.regions_handed_back()) {
     background_.take_region(input_.shift(0), users_.label_map(), uint16_t(region.regionId), region.box,
                             region.weight);
   }
   users_.stage2(input_, candidates_.tracked(), background_);
+  // A person found standing still had been learnt as background: what lies behind them is
+  // not known, which makes them foreground like anyone who walked in.
+  if (const int32_t id = users_.still_user_found(); id != 0) background_.forget(users_.label_map(), uint16_t(id));
   background_.absorb(input_.shift(0), users_.label_map());
   publish_labels();
   return labels_;

@@ -59,6 +59,7 @@ class SegmentationEngine {
   LabelOutput label_output() const { return labels_; }
   FloorOutput floor_output() const;
   bool started() const { return started_; }
+  void set_person_check(PersonCheck check) { users_.set_person_check(std::move(check)); }
 
   DepthFrameInput& input() { return input_; }
   const FloorDetector& floor() const { return floor_; }

@@ -22,6 +22,8 @@ UserAnalyzer::~UserAnalyzer() = default;
 
 void UserAnalyzer::reset() { engine_->reset(); }
 
+void UserAnalyzer::set_person_check(legacy::PersonCheck check) { engine_->set_person_check(std::move(check)); }
+
 const std::vector<uint8_t>& UserAnalyzer::segment(const op::Image<uint16_t>& depth, const ConversionTables& tables,
                                                   bool mirrored) {
   legacy::SegmentationFormat format;

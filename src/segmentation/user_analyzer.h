@@ -13,6 +13,7 @@
 
 #include "op/image.h"
 #include "segmentation/depth_conversion.h"
+#include "segmentation/person_check.h"
 
 namespace quorvik::legacy {
 class SegmentationEngine;
@@ -61,6 +62,8 @@ class UserAnalyzer {
 
   // A fresh background model from the next update on.
   void reset();
+  // Lets the users stage ask whether a still person-shaped proposal is a person.
+  void set_person_check(legacy::PersonCheck check);
 
   const op::Image<uint16_t>& userLabels() const { return userLabels_; }
   bool floorDetected() const { return floorDetected_; }

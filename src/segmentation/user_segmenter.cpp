@@ -77,6 +77,8 @@ void UserSegmenter::start(int32_t width, int32_t height, const uint16_t* depthTo
   for (UserRecord& user : users_) user = UserRecord{};
   for (PairEvent& event : pairs_) event = PairEvent{};
   for (PendingPerson& p : pending_) p = PendingPerson{};
+  for (StillProposal& p : still_) p = StillProposal{};
+  seedUser_ = 0;
   freeCount_ = 0;
   for (uint32_t id = kMaxUsers; id >= 1; --id) freeIds_[freeCount_++] = id;
   handedBackCount_ = 0;
@@ -105,8 +107,9 @@ int32_t UserSegmenter::world_height(int32_t minY, int32_t maxY, double depth) co
 // Stage 1
 
 void UserSegmenter::stage1(DepthFrameInput& input, const Array2D<uint8_t>& floorMask, bool hasFloor,
-                           const BackgroundModel& background) {
+                           const BackgroundModel& background, FloorShiftPlane floorPlane) {
   ++frame_;
+  floorPlane_ = floorPlane;
   labelRing_.advance();
   Array2D<uint16_t>& labels = labelRing_.current();
   labels.resize(width_, height_);
@@ -118,6 +121,7 @@ void UserSegmenter::stage1(DepthFrameInput& input, const Array2D<uint8_t>& floor
   if (background.resetThisFrame) {
     for (PairEvent& event : pairs_) event = PairEvent{};
     for (PendingPerson& p : pending_) p = PendingPerson{};
+    for (StillProposal& p : still_) p = StillProposal{};
   }
 
   const bool sized = input.width == width_ && input.height == height_ && input.raw(0).width() == width_ &&
@@ -252,8 +256,8 @@ void UserSegmenter::gather_region_statistics(const BackgroundModel& background, 
     s = RegionStats{};
     s.minX = s.minY = s.farMinX = s.farMinY = INT32_MAX;
     s.maxX = s.maxY = s.farMaxX = s.farMaxY = INT32_MIN;
-    s.minDepth = INT32_MAX;
-    s.maxDepth = INT32_MIN;
+    s.minDepth = s.farMinDepth = INT32_MAX;
+    s.maxDepth = s.farMaxDepth = INT32_MIN;
     owner_[r] = 0;
   }
   unchanged_.clear();
@@ -288,10 +292,20 @@ void UserSegmenter::gather_region_statistics(const BackgroundModel& background, 
       if (ld[x] >= kPushDepth) {
         const int32_t x0 = x;
         bool zero = false;
-        while (x <= vb.right && l[x] == id && ld[x] >= kPushDepth) zero |= r[x++] == 0;
+        int32_t minDepth = INT32_MAX, maxDepth = INT32_MIN;
+        int64_t sumX = 0, sumDepth = 0, weight = 0;
+        for (; x <= vb.right && l[x] == id && ld[x] >= kPushDepth; ++x) {
+          const int32_t depth = r[x];
+          zero |= depth == 0;
+          minDepth = std::min(minDepth, depth), maxDepth = std::max(maxDepth, depth);
+          sumX += x, sumDepth += depth, weight += weight_[std::min(depth, kWeightTableSize - 1)];
+        }
         s.pixels += x - x0;
+        s.farPixels += x - x0;
         s.farMinX = std::min(s.farMinX, x0), s.farMaxX = std::max(s.farMaxX, x - 1);
         s.farMinY = std::min(s.farMinY, y), s.farMaxY = std::max(s.farMaxY, y);
+        s.farMinDepth = std::min(s.farMinDepth, minDepth), s.farMaxDepth = std::max(s.farMaxDepth, maxDepth);
+        s.farSumX += sumX, s.farSumDepth += sumDepth, s.farWeight += weight;
         s.hasZero = s.hasZero || zero;
         continue;
       }

@@ -14,12 +14,14 @@
 
 #include <cstdint>
 #include <span>
+#include <utility>
 #include <vector>
 
 #include "segmentation/background_model.h"
 #include "segmentation/candidate_detector.h"
 #include "segmentation/containers.h"
 #include "segmentation/depth_frame_input.h"
+#include "segmentation/person_check.h"
 
 namespace quorvik::legacy {
 
@@ -35,7 +37,11 @@ struct RegionStats {
   int32_t nearPixels = 0;  // pixels nearer than the labelling cut
   int32_t minX = 0, minY = 0, maxX = 0, maxY = 0;  // box of the near pixels
   int32_t minDepth = 0, maxDepth = 0;
+  // Pixels pushed away as static (raw depths): what a still person leaves of a region.
+  int32_t farPixels = 0;
   int32_t farMinX = 0, farMinY = 0, farMaxX = 0, farMaxY = 0;
+  int32_t farMinDepth = 0, farMaxDepth = 0;
+  int64_t farSumX = 0, farSumDepth = 0, farWeight = 0;
   int64_t sumX = 0, sumY = 0, sumDepth = 0;
   // Hundredths of square millimetres while the statistics are gathered, square millimetres
   // after the carry-over.
@@ -48,6 +54,13 @@ struct RegionStats {
   uint8_t fragment = 0;  // set when a user let go of it as a separate person-sized part
 
   bool usable() const { return hasNear && !hasZero; }
+};
+
+// The floor as the shift it predicts at pixel (x, y): a x + b y + c, when one is known.
+// The floor mask covers only the bottom of the image and a narrow band around the plane.
+struct FloorShiftPlane {
+  bool known = false;
+  double a = 0, b = 0, c = 0;
 };
 
 struct UserPosition {
@@ -125,6 +138,16 @@ struct PendingPerson {
   int32_t frames = 0;
 };
 
+// A still person-shaped region being asked about, followed by its position on the ground:
+// checks back off, so that a coat stand costs a forest pass now and then, not every frame.
+struct StillProposal {
+  bool used = false;
+  bool seen = false;  // matched a region this frame
+  float x = 0, z = 0;  // world millimetres
+  int32_t yes = 0, no = 0;
+  uint64_t nextCheck = 0;  // frame of the next check
+};
+
 class UserSegmenter {
  public:
   static constexpr int32_t kMaxUsers = 10;
@@ -132,6 +155,7 @@ class UserSegmenter {
   static constexpr int32_t kMaxRegionId = kMaxRegions - 1;
   static constexpr int32_t kMaxPairs = kMaxUsers * (kMaxUsers - 1) / 2;
   static constexpr int32_t kMaxPending = 16;
+  static constexpr int32_t kMaxStill = 16;
   static constexpr int32_t kMaxGroupRegions = 256;
   static constexpr int32_t kWeightTableSize = 10000;
 
@@ -141,17 +165,22 @@ class UserSegmenter {
   // rings and valid box, the floor mask where hasFloor, and the background model's
   // foreground, resetThisFrame, badFrame, sceneChanging and changeDepth.
   void stage1(DepthFrameInput& input, const Array2D<uint8_t>& floorMask, bool hasFloor,
-              const BackgroundModel& background);
+              const BackgroundModel& background, FloorShiftPlane floorPlane = {});
   // Stage 2: new users (from the tracked candidates and from person-sized foreground), user
   // update and the final label map.
   void stage2(DepthFrameInput& input, std::span<const TrackedCandidate> candidates,
               const BackgroundModel& background);
+
+  // Without a check, still people are found only once they move.
+  void set_person_check(PersonCheck check) { personCheck_ = std::move(check); }
 
   // The current label map: region ids between the two stages, user ids after stage 2.
   Array2D<uint16_t>& label_map() { return labelRing_.current(); }
   const Array2D<uint16_t>& label_map() const { return labelRing_.back(0); }
   const Array2D<uint16_t>& previous_label_map() const { return labelRing_.back(1); }
   std::span<const HandedBackRegion> regions_handed_back() const { return {handedBack_, size_t(handedBackCount_)}; }
+  // The user found standing still this frame (0 = none).
+  int32_t still_user_found() const { return seedUser_ != 0 && users_[seedUser_].active ? seedUser_ : 0; }
   std::span<const Box3D<int>> active_user_boxes() const { return {userBoxes_, size_t(userBoxCount_)}; }
 
   // Read access for the user analyzer and for tests.
@@ -181,6 +210,9 @@ class UserSegmenter {
   void rebuild_handed_back();
   // Stage 2 steps.
   void reacquire_lost_users();
+  void find_still_people();
+  int32_t group_static_regions();
+  bool covered_by_users(const Box3D<int>& box) const;
   void create_from_candidates(std::span<const TrackedCandidate> candidates);
   void create_from_foreground();
   void attach_unowned_regions();
@@ -249,6 +281,22 @@ class UserSegmenter {
   Group groups_[kMaxGroupRegions];
   int32_t groupCount_ = 0;
   PendingPerson pending_[kMaxPending];
+  int64_t cut_still_person(const Group& group, Box3D<int>& box);
+  bool still_pixel(int32_t x, int32_t y, uint16_t region) const;
+  uint8_t stillMember_[kMaxRegions] = {};
+  Group stillSources_[kMaxGroupRegions];
+  std::vector<int32_t> fillOrder_;
+  struct StillPart {
+    size_t first = 0, count = 0;  // in fillOrder_
+    Box3D<int> box;
+  };
+  std::vector<StillPart> stillParts_;
+
+  PersonCheck personCheck_;
+  StillProposal still_[kMaxStill];
+  Array2D<uint8_t> stillMask_;  // the proposal asked about
+  int32_t seedUser_ = 0;        // a user found this frame, given stillMask_ in the relabel
+  FloorShiftPlane floorPlane_;
 
   // Pixels of each user in the final label map.
   struct LabelSums {

@@ -16,8 +16,10 @@ void UserSegmenter::stage2(DepthFrameInput&, std::span<const TrackedCandidate> c
     if (users_[id].active) gather_owned(id);
   }
   searchAllowed_ = !background.sceneChanging && background.framesSinceReset >= 30 && !badFrame_;
+  seedUser_ = 0;
   if (searchAllowed_) {
     reacquire_lost_users();
+    find_still_people();
     create_from_candidates(candidates);
     create_from_foreground();
   }
@@ -147,6 +149,306 @@ void UserSegmenter::reacquire_lost_users() {
   }
 }
 
+bool UserSegmenter::covered_by_users(const Box3D<int>& b) const {
+  const int64_t boxPixels = int64_t(b.maxX - b.minX + 1) * int64_t(b.maxY - b.minY + 1);
+  int64_t overlapPixels = 0, insideArea = 0;
+  for (int32_t id = 1; id <= kMaxUsers; ++id) {
+    const UserRecord& u = users_[id];
+    if (!u.active) continue;
+    for (int32_t i = 0; i < u.regionCount; ++i) {
+      const RegionStats& s = regions_[u.regions[i]];
+      const int64_t ix = int64_t(std::min(b.maxX, s.maxX)) - std::max(b.minX, s.minX) + 1;
+      const int64_t iy = int64_t(std::min(b.maxY, s.maxY)) - std::max(b.minY, s.minY) + 1;
+      if (ix > 0 && iy > 0) overlapPixels += ix * iy;
+      if (s.meanX > b.minX && s.meanX < b.maxX && s.meanY > b.minY && s.meanY < b.maxY && s.meanDepth > b.minZ &&
+          s.meanDepth < b.maxZ) {
+        insideArea += s.weight;
+      }
+    }
+  }
+  return 2 * overlapPixels > boxPixels || insideArea > kCandidateArea;
+}
+
+// Groups the static regions of nobody (those without near pixels) into groups_, by
+// touching boxes and depth ranges, as the foreground paths group theirs: a still person
+// often falls apart into a few regions where an arm or a carried bag hides the waist.
+int32_t UserSegmenter::group_static_regions() {
+  int32_t n = 0;
+  for (int32_t r = 1; r <= regionCount_ && n < kMaxGroupRegions; ++r) {
+    const RegionStats& s = regions_[r];
+    stillMember_[r] = 0;
+    if (owner_[r] != 0 || s.hasNear || s.hasZero || s.handedBack || s.farWeight < 100 * kRegionMinArea) continue;
+    groupRegion_[n] = r;
+    groupParent_[n] = n;
+    ++n;
+  }
+  auto root = [&](int32_t i) {
+    while (groupParent_[i] != i) i = groupParent_[i] = groupParent_[groupParent_[i]];
+    return i;
+  };
+  for (int32_t i = 0; i < n; ++i) {
+    const RegionStats& a = regions_[groupRegion_[i]];
+    for (int32_t j = i + 1; j < n; ++j) {
+      const RegionStats& b = regions_[groupRegion_[j]];
+      if (a.farMinX > b.farMaxX + kGroupTouch || b.farMinX > a.farMaxX + kGroupTouch ||
+          a.farMinY > b.farMaxY + kGroupTouch || b.farMinY > a.farMaxY + kGroupTouch ||
+          a.farMinDepth > b.farMaxDepth || b.farMinDepth > a.farMaxDepth) {
+        continue;
+      }
+      const int32_t ra = root(i), rb = root(j);
+      if (ra != rb) groupParent_[std::max(ra, rb)] = std::min(ra, rb);
+    }
+  }
+  int32_t groupOf[kMaxGroupRegions];
+  groupCount_ = 0;
+  for (int32_t i = 0; i < n; ++i) {
+    if (root(i) != i) continue;
+    groupOf[i] = groupCount_;
+    Group& g = groups_[groupCount_++];
+    g = Group{};
+    g.minX = g.minY = g.minDepth = INT32_MAX;
+    g.maxX = g.maxY = g.maxDepth = INT32_MIN;
+  }
+  for (int32_t i = 0; i < n; ++i) groups_[groupOf[root(i)]].count++;
+  int32_t offset = 0;
+  for (int32_t g = 0; g < groupCount_; ++g) {
+    groups_[g].first = offset;
+    offset += groups_[g].count;
+    groups_[g].count = 0;
+  }
+  for (int32_t i = 0; i < n; ++i) {
+    Group& g = groups_[groupOf[root(i)]];
+    const RegionStats& s = regions_[groupRegion_[i]];
+    groupMembers_[g.first + g.count++] = groupRegion_[i];
+    g.area += s.farWeight / 100;
+    g.minX = std::min(g.minX, s.farMinX), g.maxX = std::max(g.maxX, s.farMaxX);
+    g.minY = std::min(g.minY, s.farMinY), g.maxY = std::max(g.maxY, s.farMaxY);
+    g.minDepth = std::min(g.minDepth, s.farMinDepth), g.maxDepth = std::max(g.maxDepth, s.farMaxDepth);
+    g.meanDepth += double(s.farSumDepth);
+    g.worldX += double(s.farSumX);
+    g.width += s.farPixels;  // pixel count until the loop below
+  }
+  for (int32_t gi = 0; gi < groupCount_; ++gi) {
+    Group& g = groups_[gi];
+    const double pixels = std::max(double(g.width), 1.0);
+    g.meanDepth /= pixels;
+    g.worldX = mapper_ != nullptr ? (g.worldX / pixels - mapper_->centerX) * pixel_size(g.meanDepth) : 0;
+    g.height = world_height(g.minY, g.maxY, g.meanDepth);
+    g.width = int32_t(double(g.maxX - g.minX + 1) * pixel_size(g.meanDepth));
+  }
+  return groupCount_;
+}
+
+// The near part of a static group into stillMask_: a person who stands close to a
+// cabinet or a wall joins it through the grazing pixels of their outline, but few pixels
+// lie between the two, so the group's depths have a gap behind the person. Returns the
+// part's area (mm2) and its box.
+bool UserSegmenter::still_pixel(int32_t x, int32_t y, uint16_t region) const {
+  if (region == 0 || region > regionCount_ || stillMember_[region] == 0) return false;
+  // The floor recedes steadily from row to row, where a body holds its depth: a pixel
+  // with the floor's slope both above and below it is floor, known or not.
+  if (y >= kStillSlopeRows && y + kStillSlopeRows < height_) {
+    auto depth_at = [&](int32_t row) {
+      const int32_t d = labellingDepth_.row(row)[x];
+      return d >= kZeroDepth ? 0 : (d >= kPushDepth ? d - kPushDepth : d);
+    };
+    const int32_t d = depth_at(y), above = depth_at(y - kStillSlopeRows), below = depth_at(y + kStillSlopeRows);
+    const int32_t slope = kStillSlopeRows * d / kStillFloorSlope;
+    if (above != 0 && below != 0 && above - d > slope && d - below > slope) return false;
+  }
+  if (!floorPlane_.known) return true;
+  // Where the floor mask does not reach, the plane still tells floor from feet.
+  const int32_t shift = labellingShift_.row(y)[x] - int32_t(kPushShift);
+  const double floor = floorPlane_.a * x + floorPlane_.b * y + floorPlane_.c;
+  return std::abs(double(shift) - floor) > kStillFloorShift;
+}
+
+int64_t UserSegmenter::cut_still_person(const Group& g, Box3D<int>& box) {
+  for (int32_t i = 0; i < g.count; ++i) stillMember_[groupMembers_[g.first + i]] = 1;
+  const Array2D<uint16_t>& regionsMap = labelRing_.current();
+  const int32_t bins = std::min((g.maxDepth - g.minDepth) / kStillBin + 1, kStillMaxBins);
+  int32_t histogram[kStillMaxBins] = {};
+  int32_t pixels = 0;
+  for (int32_t y = g.minY; y <= g.maxY; ++y) {
+    const uint16_t* l = regionsMap.row(y);
+    const uint16_t* d = labellingDepth_.row(y);
+    for (int32_t x = g.minX; x <= g.maxX; ++x) {
+      if (!still_pixel(x, y, l[x])) continue;
+      ++histogram[std::min((d[x] - kPushDepth - g.minDepth) / kStillBin, bins - 1)];
+      ++pixels;
+    }
+  }
+  const int32_t sparse = std::max(kStillSparseMin, pixels * kStillSparsePerMille / 1000);
+  int32_t cut = bins, seen = 0, run = 0;
+  for (int32_t b = 0; b < bins && cut == bins; ++b) {
+    seen += histogram[b];
+    run = histogram[b] <= sparse ? run + 1 : 0;
+    if (run >= kStillGapBins && (seen - histogram[b]) * 100 >= pixels * kStillNearestPercent) cut = b - run + 1;
+  }
+  const int32_t farthest = g.minDepth + cut * kStillBin;
+  stillMask_.resize(width_, height_);
+  stillMask_.clear();
+  for (int32_t y = g.minY; y <= g.maxY; ++y) {
+    const uint16_t* l = regionsMap.row(y);
+    const uint16_t* d = labellingDepth_.row(y);
+    uint8_t* m = stillMask_.row(y);
+    for (int32_t x = g.minX; x <= g.maxX; ++x) m[x] = still_pixel(x, y, l[x]) && d[x] - kPushDepth < farthest ? 1 : 0;
+  }
+  for (int32_t i = 0; i < g.count; ++i) stillMember_[groupMembers_[g.first + i]] = 0;
+
+  // Without the floor, what is left of it may still touch the person at a few pixels, or
+  // lie about in specks: the largest connected part stays, with the large parts that
+  // touch its box (a carried box or an arm in front of the body is a part of its own).
+  fillOrder_.clear();
+  stillParts_.clear();
+  for (int32_t y = g.minY; y <= g.maxY; ++y) {
+    for (int32_t x = g.minX; x <= g.maxX; ++x) {
+      if (stillMask_.row(y)[x] != 1) continue;
+      StillPart part;
+      part.first = fillOrder_.size();
+      stillMask_.row(y)[x] = 2;
+      fillOrder_.push_back(y * width_ + x);
+      for (size_t k = part.first; k < fillOrder_.size(); ++k) {
+        const int32_t px = fillOrder_[k] % width_, py = fillOrder_[k] / width_;
+        part.box.add(px, py, 0);
+        const int32_t depth = labellingDepth_.row(py)[px], shift = labellingShift_.row(py)[px];
+        const int32_t next[4][2] = {{px - 1, py}, {px + 1, py}, {px, py - 1}, {px, py + 1}};
+        for (const auto& [nx, ny] : next) {
+          if (nx < 0 || ny < 0 || nx >= width_ || ny >= height_ || stillMask_.row(ny)[nx] != 1) continue;
+          // Joined as the regions are: close in depth, or in shift where the depth is coarse.
+          if (std::abs(int32_t(labellingDepth_.row(ny)[nx]) - depth) > kJoinDepth &&
+              std::abs(int32_t(labellingShift_.row(ny)[nx]) - shift) > kJoinShift) {
+            continue;
+          }
+          stillMask_.row(ny)[nx] = 2;
+          fillOrder_.push_back(ny * width_ + nx);
+        }
+      }
+      part.count = fillOrder_.size() - part.first;
+      stillParts_.push_back(part);
+    }
+  }
+  for (int32_t y = g.minY; y <= g.maxY; ++y) {
+    uint8_t* m = stillMask_.row(y);
+    for (int32_t x = g.minX; x <= g.maxX; ++x) m[x] = 0;
+  }
+  box.reset();
+  if (stillParts_.empty()) return 0;
+  const StillPart& largest =
+      *std::max_element(stillParts_.begin(), stillParts_.end(), [](const StillPart& a, const StillPart& b) { return a.count < b.count; });
+  const Box3D<int> reach = largest.box;
+  int64_t weight = 0;
+  for (const StillPart& part : stillParts_) {
+    const bool touches = part.box.minX <= reach.maxX + kGroupTouch && part.box.maxX >= reach.minX - kGroupTouch &&
+                         part.box.minY <= reach.maxY + kGroupTouch && part.box.maxY >= reach.minY - kGroupTouch;
+    if (&part != &largest && (!touches || part.count * 100 < largest.count * kStillPartPercent)) continue;
+    for (size_t k = part.first; k < part.first + part.count; ++k) {
+      const int32_t x = fillOrder_[k] % width_, y = fillOrder_[k] / width_;
+      const int32_t depth = labellingDepth_.row(y)[x] - kPushDepth;
+      stillMask_.row(y)[x] = 1;
+      box.add(x, y, depth);
+      weight += weight_[depth];
+    }
+  }
+  return weight / 100;
+}
+
+// Static pixels of nobody are pushed away in the labelling images, so a person who has
+// stood still since the background was learnt has no near pixels; their static regions,
+// cut off from the floor when it is known, are proposals, and the forest decides. Both
+// every large static region and every group of them are proposed: a person may fall
+// apart into regions where an arm or a bag hides the waist, and may also stand beside a
+// cabinet at the same depth, which a group would take in.
+void UserSegmenter::find_still_people() {
+  for (StillProposal& p : still_) p.seen = false;
+  if (!personCheck_ || mapper_ == nullptr || freeCount_ == 0) return;
+  group_static_regions();
+  int32_t sources = 0;
+  for (int32_t gi = 0; gi < groupCount_ && sources < kMaxGroupRegions; ++gi) {
+    const Group& g = groups_[gi];
+    if (g.count > 1) stillSources_[sources++] = g;
+    for (int32_t i = 0; i < g.count && sources < kMaxGroupRegions; ++i) {
+      const RegionStats& s = regions_[groupMembers_[g.first + i]];
+      Group& single = stillSources_[sources++];
+      single = Group{};
+      single.first = g.first + i;
+      single.count = 1;
+      single.area = s.farWeight / 100;
+      single.minX = s.farMinX, single.maxX = s.farMaxX, single.minY = s.farMinY, single.maxY = s.farMaxY;
+      single.minDepth = s.farMinDepth, single.maxDepth = s.farMaxDepth;
+      single.meanDepth = double(s.farSumDepth) / double(std::max(s.farPixels, 1));
+      single.worldX = (double(s.farSumX) / double(std::max(s.farPixels, 1)) - mapper_->centerX) *
+                      pixel_size(single.meanDepth);
+      single.height = world_height(s.farMinY, s.farMaxY, single.meanDepth);
+    }
+  }
+
+  bool asked = false;
+  for (int32_t i = 0; i < sources; ++i) {
+    const Group& g = stillSources_[i];
+    if (g.area < kPersonArea || g.area > kStillMaxRegionArea || g.minDepth >= kFarCut || g.height < kPersonHeight) {
+      continue;
+    }
+    const float x = float(g.worldX), z = float(g.meanDepth);
+    StillProposal* p = nullptr;
+    float best = kStillMatch;
+    for (StillProposal& q : still_) {
+      const float d = std::hypot(q.x - x, q.z - z);
+      if (q.used && !q.seen && d <= best) best = d, p = &q;
+    }
+    for (StillProposal& q : still_) {
+      if (p == nullptr && !q.used) {
+        q = StillProposal{};
+        q.used = true;
+        q.nextCheck = frame_;
+        p = &q;
+      }
+    }
+    if (p == nullptr) continue;
+    p->seen = true;
+    p->x = x, p->z = z;
+    if (p->nextCheck > frame_ || asked || freeCount_ == 0) continue;
+
+    Box3D<int> box;
+    const int64_t area = cut_still_person(g, box);
+    const double depth = 0.5 * (box.minZ + box.maxZ);
+    const int32_t height = world_height(box.minY, box.maxY, depth);
+    const int32_t width = int32_t(double(box.maxX - box.minX + 1) * pixel_size(depth));
+    const bool personSized = area >= kPersonArea && area <= kPersonMaxArea && height >= kPersonHeight &&
+                             height <= kPersonMaxHeight && width <= kPersonMaxWidth &&
+                             box.maxZ - box.minZ <= kStillThickness && !covered_by_users(box);
+    if (!personSized) {
+      // Its shape may change as the floor is found or someone steps away: cut it again
+      // soon, without a question to the forest.
+      p->nextCheck = frame_ + kStillShapeWait;
+      continue;
+    }
+    // One question to the forest per frame at most.
+    asked = true;
+    if (!personCheck_(stillMask_)) {
+      ++p->no;
+      p->nextCheck = frame_ + uint64_t(std::min(kStillFirstWait << std::min(p->no - 1, 4), kStillLongestWait));
+      continue;
+    }
+    ++p->yes;
+    p->nextCheck = frame_ + 1;
+    if (p->yes < kStillYes || p->yes <= p->no) continue;
+    const int32_t id = create_user();
+    UserRecord& user = users_[id];
+    user.history[0] = {p->x, 0.f, p->z};
+    user.historyIndex = 1;
+    user.historyCount = 1;
+    // The user owns no region yet: relabel gives it the cut pixels. From the next frame
+    // on they carried an id, are no longer pushed away, and form near regions that
+    // inherit it; what lay behind the cut stays pushed and apart.
+    seedUser_ = id;
+    *p = StillProposal{};
+  }
+  for (StillProposal& p : still_) {
+    if (p.used && !p.seen) p = StillProposal{};
+  }
+}
+
 void UserSegmenter::create_from_candidates(std::span<const TrackedCandidate> candidates) {
   if (mapper_ == nullptr) return;
   int16_t gathered[UserRecord::kMaxRegions];
@@ -156,24 +458,7 @@ void UserSegmenter::create_from_candidates(std::span<const TrackedCandidate> can
     const Box3D<int> b = c.box();
     if (b.empty()) continue;
 
-    // Covered by the users that exist already?
-    const int64_t boxPixels = int64_t(b.maxX - b.minX + 1) * int64_t(b.maxY - b.minY + 1);
-    int64_t overlapPixels = 0, insideArea = 0;
-    for (int32_t id = 1; id <= kMaxUsers; ++id) {
-      const UserRecord& u = users_[id];
-      if (!u.active) continue;
-      for (int32_t i = 0; i < u.regionCount; ++i) {
-        const RegionStats& s = regions_[u.regions[i]];
-        const int64_t ix = int64_t(std::min(b.maxX, s.maxX)) - std::max(b.minX, s.minX) + 1;
-        const int64_t iy = int64_t(std::min(b.maxY, s.maxY)) - std::max(b.minY, s.minY) + 1;
-        if (ix > 0 && iy > 0) overlapPixels += ix * iy;
-        if (s.meanX > b.minX && s.meanX < b.maxX && s.meanY > b.minY && s.meanY < b.maxY && s.meanDepth > b.minZ &&
-            s.meanDepth < b.maxZ) {
-          insideArea += s.weight;
-        }
-      }
-    }
-    if (2 * overlapPixels > boxPixels || insideArea > kCandidateArea) continue;
+    if (covered_by_users(b)) continue;
 
     const uint32_t z1 = uint32_t(std::max(b.maxZ, 0));
     const int32_t m = int32_t(mapper_->inverse_pixel_size_at(z1) * 1000.0);
@@ -333,6 +618,7 @@ void UserSegmenter::relabel() {
     uint16_t* l = labels.row(y);
     const uint16_t* p = previous.row(y);
     const uint16_t* d = labellingDepth_.row(y);
+    const uint8_t* seed = seedUser_ != 0 && users_[seedUser_].active ? stillMask_.row(y) : nullptr;
     for (int32_t x = 0; x < labels.width(); ++x) {
       const int32_t r = l[x];
       if (r == 0) continue;
@@ -341,6 +627,7 @@ void UserSegmenter::relabel() {
         continue;
       }
       uint32_t o = owner_[r];
+      if (o == 0 && seed != nullptr && seed[x] != 0) o = uint32_t(seedUser_);
       if (o != 0 && cutEvent_[r] >= 0) {
         const PairEvent& event = pairs_[cutEvent_[r]];
         if (p[x] == event.second) {
@@ -350,9 +637,10 @@ void UserSegmenter::relabel() {
         }
       }
       l[x] = uint16_t(o);
-      if (o != 0 && d[x] < kPushDepth) {
+      // A still person found this frame still has its pixels pushed away.
+      const int32_t z = d[x] >= kPushDepth && d[x] < kZeroDepth ? d[x] - kPushDepth : d[x];
+      if (o != 0 && z < kPushDepth) {
         LabelSums& m = labelSums_[o];
-        const int32_t z = d[x];
         ++m.pixels;
         m.minX = std::min(m.minX, x), m.maxX = std::max(m.maxX, x);
         m.minY = std::min(m.minY, y), m.maxY = std::max(m.maxY, y);

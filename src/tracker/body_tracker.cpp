@@ -10,6 +10,15 @@
 namespace quorvik::skeleton {
 namespace {
 
+// What a still person must look like to the forest before the users stage takes them.
+constexpr double kCheckMinPixels = 30;
+constexpr double kCheckHeadShare = 0.035;
+constexpr double kCheckUpperShare = 0.08;
+constexpr double kCheckLowerShare = 0.08;
+constexpr double kCheckConfidence = 0.6;
+
+uint8_t bands_of(uint8_t label, const std::array<uint8_t, 32>& bands) { return label < bands.size() ? bands[label] : 0; }
+
 // Report order of the joints: the order of a user's joint table and of a body's joints.
 constexpr uint8_t kReportOrder[kJointCount] = {8, 1, 0, 2, 3, 4, 5, 6, 7, 9, 10, 11, 12, 13, 14, 15};
 
@@ -70,8 +79,15 @@ BodyTracker::BodyTracker(const TrackerOptions& options, DecisionForest forest, u
       userIdImage_(blockWidth, blockHeight),
       worldPoints_(blockWidth, blockHeight),
       depth_(blockWidth, blockHeight),
+      checkMap_(blockWidth, blockHeight),
+      checkLabels_(blockWidth, blockHeight),
+      checkIds_(blockWidth, blockHeight),
       logger_(op::get_logger("BodyTracker")),
-      classifier_(std::make_unique<FrameClassifier>(&forest_)) {}
+      classifier_(std::make_unique<FrameClassifier>(&forest_)) {
+  if (forest_.tree_count() > 0) {
+    userAnalyzer_.set_person_check([this](const legacy::Array2D<uint8_t>& mask) { return reads_as_person(mask); });
+  }
+}
 
 BodyTracker::~BodyTracker() = default;
 
@@ -155,6 +171,57 @@ void BodyTracker::update_user(TrackedUser& user, const Body* previous, const std
     body.status = BodyStatus::TrackingStarted;
     logger_->debug("BodyTracker::update_user frame #{} user #{} tracking started", frameNumber_, user.id);
   }
+}
+
+bool BodyTracker::reads_as_person(const legacy::Array2D<uint8_t>& mask) {
+  const uint32_t w = depth_.width(), h = depth_.height();
+  if (mask.width() != int32_t(w) || mask.height() != int32_t(h)) return false;
+  constexpr uint16_t kProposal = 1;
+  for (uint32_t y = 0; y < h; ++y) {
+    const uint8_t* m = mask.row(int32_t(y));
+    uint16_t* l = checkMap_.row(y);
+    for (uint32_t x = 0; x < w; ++x) l[x] = m[x] != 0 ? kProposal : kNoUser;
+  }
+  checkLabels_.fill(PixelLabel{});
+  checkIds_.fill(0);
+  const std::array<uint16_t, 1> proposal{kProposal};
+  const UserStatistics statistics = computeUserStatistics(depth_, checkMap_, proposal, {});
+  float score = 0.f;
+  RegionBox region;
+  classifier_->classify_segments(depth_, checkMap_, statistics, proposal, proposal, checkLabels_, checkIds_, score,
+                                 region, pool_);
+
+  // Parts by where they sit on an upright body; arms and carried things go anywhere.
+  enum Band { kOther, kHead, kUpper, kLower };
+  static constexpr auto kBands = [] {
+    std::array<uint8_t, 32> bands{};
+    bands[6] = kHead;
+    for (int label : {17, 18, 21, 22, 23}) bands[label] = kUpper;
+    for (int label : {9, 10, 11, 12, 13, 14, 15, 16, 19, 20, 24, 25}) bands[label] = kLower;
+    return bands;
+  }();
+  std::array<double, 4> count{}, rows{};
+  double probability = 0;
+  for (uint32_t y = 0; y < h; ++y) {
+    const PixelLabel* p = checkLabels_.row(y);
+    const uint16_t* l = checkMap_.row(y);
+    for (uint32_t x = 0; x < w; ++x) {
+      if (l[x] != kProposal || p[x].probability <= 0.f) continue;
+      const uint8_t band = bands_of(p[x].label, kBands);
+      count[band] += 1;
+      rows[band] += y;
+      probability += p[x].probability;
+    }
+  }
+  const double n = count[kOther] + count[kHead] + count[kUpper] + count[kLower];
+  if (n < kCheckMinPixels) return false;
+  for (size_t b = 0; b < 4; ++b) rows[b] = count[b] > 0 ? rows[b] / count[b] : 0;
+  const bool layout = count[kHead] >= kCheckHeadShare * n && count[kUpper] >= kCheckUpperShare * n &&
+                      count[kLower] >= kCheckLowerShare * n && rows[kHead] < rows[kUpper] && rows[kUpper] < rows[kLower];
+  const bool confident = probability / n >= kCheckConfidence;
+  logger_->debug("BodyTracker person check: {} pixels, head {:.2f} upper {:.2f} lower {:.2f}, mean probability {:.2f}",
+                 n, count[kHead] / n, count[kUpper] / n, count[kLower] / n, probability / n);
+  return layout && confident;
 }
 
 void BodyTracker::reset() {

@@ -64,6 +64,8 @@ class BodyTracker {
   void update_user(TrackedUser& user, const Body* previous, const std::array<float, 3>& scale,
                    std::vector<Body>& newBodies);
   void reduce(uint32_t width, uint32_t height, const uint16_t* pixels);
+  // Whether the forest reads the masked pixels of this frame as one upright person.
+  bool reads_as_person(const legacy::Array2D<uint8_t>& mask);
 
   uint32_t blockWidth_;
   uint32_t blockHeight_;
@@ -78,6 +80,10 @@ class BodyTracker {
   std::vector<Body> bodies_;
   op::Image<WorldPoint> worldPoints_;
   op::Image<uint16_t> depth_;
+  // Scratch of the person check, apart from the frame's own classification.
+  op::Image<uint16_t> checkMap_;
+  op::Image<PixelLabel> checkLabels_;
+  op::Image<uint8_t> checkIds_;
   op::Image<uint8_t> bodyMask_;
   op::Image<uint8_t> floorMask_;
   std::vector<TrackedUser> users_;
