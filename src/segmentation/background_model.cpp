@@ -104,6 +104,8 @@ void BackgroundModel::allocate(int32_t w, int32_t h) {
   regionLabel.clear();
   bodyChange.resize(w, h);
   bodyChange.clear();
+  forgotten.resize(w, h);
+  forgotten.clear();
   filterScratch_.resize(w + 16);
   parent_.reserve(size_t(pixelCount) + 1);
   regions_.reserve(size_t(pixelCount) + 1);
@@ -134,6 +136,7 @@ void BackgroundModel::update(const BackgroundInputs& in) {
 
   if (reinitialise) {
     background = *in.shift;
+    forgotten.clear();
     zeroRun.clear();
     shadowRun.clear();
     framesSinceReset = 0;
@@ -149,6 +152,7 @@ void BackgroundModel::update(const BackgroundInputs& in) {
       zeroRun.clear();
       shadowRun.clear();
       background.fill(kAcceptAny);
+      forgotten.clear();
     }
     uint64_t recedeArea = 0, newArea = 0;
     for (int32_t y = 0; y < height; ++y) {
@@ -492,7 +496,7 @@ void BackgroundModel::take_region(const Array2D<uint16_t>& shift, const Array2D<
 void BackgroundModel::forget(const Array2D<uint16_t>& labels, uint16_t id) {
   if (!labels.same_shape(background)) return;
   for (int32_t i = 0; i < pixelCount; ++i) {
-    if (labels[i] == id) background[i] = 0;
+    if (labels[i] == id) background[i] = 0, forgotten[i] = 1;
   }
 }
 
@@ -500,6 +504,10 @@ void BackgroundModel::absorb(const Array2D<uint16_t>& shift, const Array2D<uint1
   const bool labelsUsable = labels.same_shape(background);
   for (int32_t i = 0; i < pixelCount; ++i) {
     const bool nobody = !labelsUsable || labels[i] == 0;
+    if (forgotten[i] != 0 && nobody && steadyRun[i] >= kRelearnFrames) {
+      background[i] = shift[i];
+      forgotten[i] = 0;
+    }
     if (foreground[i] != 0 && nobody) {
       if (++absorbCounter[i] >= kAbsorbFrames) {
         background[i] = shift[i];

@@ -33,6 +33,7 @@ class BackgroundModel {
  public:
   static constexpr uint16_t kAcceptAny = 1;
   static constexpr uint32_t kAbsorbFrames = 151;
+  static constexpr uint16_t kRelearnFrames = 3;
 
   void start(int32_t width, int32_t height, const uint16_t* shiftToDepth, uint32_t shiftToDepthLength,
              const Mapper* mapper);
@@ -44,7 +45,9 @@ class BackgroundModel {
   // background at once.
   void take_region(const Array2D<uint16_t>& shift, const Array2D<uint16_t>& labels, uint16_t id,
                    const Box3D<int>& box, int32_t weight);
-  // The background under the pixels labelled `id` becomes unknown.
+  // The background under the pixels labelled `id` becomes unknown. Where such a pixel then
+  // belongs to nobody and holds still for kRelearnFrames, absorb() learns it at once: the
+  // person who stood there has moved on.
   void forget(const Array2D<uint16_t>& labels, uint16_t id);
   // Foreground that belongs to nobody for kAbsorbFrames frames in a row becomes background.
   void absorb(const Array2D<uint16_t>& shift, const Array2D<uint16_t>& labels);
@@ -58,6 +61,7 @@ class BackgroundModel {
   Array2D<uint32_t> absorbCounter;
   Array2D<uint16_t> nearChange;
   Array2D<uint8_t> bodyChange;  // 1 on the near changes of regions no bigger than one person
+  Array2D<uint8_t> forgotten;   // 1 where forget() left the background unknown, until relearnt
   bool resetThisFrame = false;
   bool badFrame = false;
   bool reinitialise = false;

@@ -283,6 +283,8 @@ class UserSegmenter {
   PendingPerson pending_[kMaxPending];
   int64_t cut_still_person(const Group& group, Box3D<int>& box);
   bool still_pixel(int32_t x, int32_t y, uint16_t region) const;
+  bool has_head(const Box3D<int>& box) const;
+  static constexpr int32_t kMaxHeadRows = 64;
   uint8_t stillMember_[kMaxRegions] = {};
   Group stillSources_[kMaxGroupRegions];
   std::vector<int32_t> fillOrder_;

@@ -34,17 +34,20 @@
 //  4. Still people. Static pixels of nobody are pushed away in the labelling images, so a
 //     person who has stood still since the background was learnt has no near pixels; they
 //     are found among the static regions instead. Every static region and every group of
-//     them (touching boxes, overlapping depth ranges) of 100,000 to 4,000,000 mm2 and at
-//     least 1000 mm tall is a proposal, followed on the ground within 300 mm from frame to
+//     them (touching boxes, overlapping depth ranges) of at least 100,000 mm2 and 1000 mm
+//     tall is a proposal, followed on the ground within 300 mm from frame to
 //     frame. A proposal is cut to its person: floor pixels leave (those with the floor's
-//     slope, receding by depth / 150 or more a row both above and below, and those within
+//     slope, receding by depth / 150 or more a row both above and below, measured to the
+//     nearest row with depth 2 to 5 rows away, and those within
 //     3 shift steps of a known floor plane, wherever the floor mask ends), so does all
 //     behind the first gap of 150 mm in its depths (50 mm bins each holding at most 0.5
 //     percent of its pixels, or 3, once a fifth of them lie nearer: someone in front of a
 //     cabinet joins it through a few grazing pixels of their outline), and of the rest only
 //     the largest connected part stays, with the parts of at least 3 percent of its size
 //     that touch its box (legs below a skirt, a box carried in front). The cut must be
-//     person-sized (as in 3 above, at most 1500 mm deep), not covered by a user, and read
+//     person-sized (as in 3 above, at most 1500 mm deep), have a head (its top 12 percent
+//     of rows at most 80 percent as wide as the widest row between 18 and 40 percent: a
+//     cabinet or a stack of boxes is as wide at the top), not covered by a user, and read
 //     as a person by the owner of the body-part forest; a cut of the wrong size is cut
 //     again two frames later without a question, and the forest is asked about one
 //     proposal a frame at most. Two yes answers, and more yes than no, make a user that is
@@ -118,17 +121,21 @@ inline constexpr int32_t kReacquireFrames = 60;       // the side range stops gr
 inline constexpr int32_t kBorderColumns = 1;          // a box this close to the side touches it
 inline constexpr int64_t kCandidateArea = 100000;     // mm2
 inline constexpr double kAttachDepth = 200;           // mm from the user's mean depth
-inline constexpr int64_t kStillMaxRegionArea = 4000000;  // mm2
 inline constexpr int32_t kStillBin = 50;              // mm
 inline constexpr int32_t kStillMaxBins = 90;          // 4500 mm of depths
 inline constexpr int32_t kStillSparseMin = 3;         // pixels in a bin of the gap
 inline constexpr int32_t kStillSparsePerMille = 5;
 inline constexpr int32_t kStillGapBins = 3;
 inline constexpr int32_t kStillNearestPercent = 20;   // of the pixels before a gap counts
-inline constexpr int32_t kStillSlopeRows = 2;        // rows above and below for the floor's slope
+inline constexpr int32_t kStillSlopeRows = 2;         // rows above and below for the floor's slope
+inline constexpr int32_t kStillSlopeReach = 5;        // farthest row tried past pixels without depth
 inline constexpr int32_t kStillFloorSlope = 150;      // a floor recedes by depth / 150 a row, or more
 inline constexpr double kStillFloorShift = 3;         // shift steps from a known floor plane
 inline constexpr int32_t kStillPartPercent = 3;      // of the largest part, for a part beside it
+inline constexpr int32_t kStillHeadEnd = 12;          // percent of the height from the top: the head
+inline constexpr int32_t kStillShoulderStart = 18;    // and the shoulders
+inline constexpr int32_t kStillShoulderEnd = 40;
+inline constexpr int32_t kStillHeadWidthPercent = 80;  // of the shoulders' width, at most
 inline constexpr int32_t kStillThickness = 1500;      // mm from the nearest to the farthest pixel
 inline constexpr float kStillMatch = 300;             // mm on the ground between frames
 inline constexpr int32_t kStillYes = 2;

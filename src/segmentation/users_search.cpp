@@ -246,15 +246,18 @@ int32_t UserSegmenter::group_static_regions() {
 bool UserSegmenter::still_pixel(int32_t x, int32_t y, uint16_t region) const {
   if (region == 0 || region > regionCount_ || stillMember_[region] == 0) return false;
   // The floor recedes steadily from row to row, where a body holds its depth: a pixel
-  // with the floor's slope both above and below it is floor, known or not.
-  if (y >= kStillSlopeRows && y + kStillSlopeRows < height_) {
-    auto depth_at = [&](int32_t row) {
-      const int32_t d = labellingDepth_.row(row)[x];
-      return d >= kZeroDepth ? 0 : (d >= kPushDepth ? d - kPushDepth : d);
-    };
-    const int32_t d = depth_at(y), above = depth_at(y - kStillSlopeRows), below = depth_at(y + kStillSlopeRows);
-    const int32_t slope = kStillSlopeRows * d / kStillFloorSlope;
-    if (above != 0 && below != 0 && above - d > slope && d - below > slope) return false;
+  // with the floor's slope both above and below it is floor, known or not. Floors are
+  // speckled with pixels without depth, so the nearest measured row on each side counts.
+  auto depth_at = [&](int32_t row) {
+    const int32_t d = labellingDepth_.row(row)[x];
+    return d >= kZeroDepth ? 0 : (d >= kPushDepth ? d - kPushDepth : d);
+  };
+  const int32_t d = depth_at(y);
+  int32_t up = 0, down = 0, above = 0, below = 0;
+  for (int32_t k = kStillSlopeRows; k <= kStillSlopeReach && above == 0 && y - k >= 0; ++k) above = depth_at(y - k), up = k;
+  for (int32_t k = kStillSlopeRows; k <= kStillSlopeReach && below == 0 && y + k < height_; ++k) below = depth_at(y + k), down = k;
+  if (above != 0 && below != 0 && (above - d) * kStillFloorSlope > up * d && (d - below) * kStillFloorSlope > down * d) {
+    return false;
   }
   if (!floorPlane_.known) return true;
   // Where the floor mask does not reach, the plane still tells floor from feet.
@@ -295,6 +298,21 @@ int64_t UserSegmenter::cut_still_person(const Group& g, Box3D<int>& box) {
     for (int32_t x = g.minX; x <= g.maxX; ++x) m[x] = still_pixel(x, y, l[x]) && d[x] - kPushDepth < farthest ? 1 : 0;
   }
   for (int32_t i = 0; i < g.count; ++i) stillMember_[groupMembers_[g.first + i]] = 0;
+  // Where the floor meets a wall or the image's last row, a line a pixel or two high
+  // survives the floor's slope test and would tie the person to the room: a body is at
+  // least three pixels high wherever it is.
+  for (int32_t y = g.minY; y <= g.maxY; ++y) {
+    for (int32_t x = g.minX; x <= g.maxX; ++x) {
+      if (stillMask_.row(y)[x] == 0) continue;
+      int32_t column = 0;
+      for (int32_t k = std::max(y - 2, 0); k <= std::min(y + 2, height_ - 1); ++k) column += stillMask_.row(k)[x] != 0;
+      if (column < 3) stillMask_.row(y)[x] = 3;  // after the pass: the test reads the first state
+    }
+  }
+  for (int32_t y = g.minY; y <= g.maxY; ++y) {
+    uint8_t* m = stillMask_.row(y);
+    for (int32_t x = g.minX; x <= g.maxX; ++x) m[x] = m[x] == 3 ? 0 : m[x];
+  }
 
   // Without the floor, what is left of it may still touch the person at a few pixels, or
   // lie about in specks: the largest connected part stays, with the large parts that
@@ -353,6 +371,25 @@ int64_t UserSegmenter::cut_still_person(const Group& g, Box3D<int>& box) {
   return weight / 100;
 }
 
+// A head is narrower than the shoulders below it; a cabinet or a column of boxes is as wide
+// at the top as further down, and the forest, which sees a body-sized blob, may not tell.
+bool UserSegmenter::has_head(const Box3D<int>& box) const {
+  const int32_t rows = box.maxY - box.minY + 1;
+  if (rows < 10) return false;
+  int32_t head[kMaxHeadRows] = {}, headRows = 0, shoulders = 0;
+  for (int32_t y = box.minY; y <= box.maxY; ++y) {
+    const int32_t at = (y - box.minY) * 100 / rows;
+    if (at >= kStillShoulderEnd) break;
+    int32_t count = 0;
+    const uint8_t* m = stillMask_.row(y);
+    for (int32_t x = box.minX; x <= box.maxX; ++x) count += m[x];
+    if (at < kStillHeadEnd && headRows < kMaxHeadRows) head[headRows++] = count;
+    if (at >= kStillShoulderStart) shoulders = std::max(shoulders, count);
+  }
+  std::sort(head, head + headRows);
+  return headRows > 0 && head[headRows / 2] * 100 <= shoulders * kStillHeadWidthPercent;
+}
+
 // Static pixels of nobody are pushed away in the labelling images, so a person who has
 // stood still since the background was learnt has no near pixels; their static regions,
 // cut off from the floor when it is known, are proposals, and the forest decides. Both
@@ -386,7 +423,7 @@ void UserSegmenter::find_still_people() {
   bool asked = false;
   for (int32_t i = 0; i < sources; ++i) {
     const Group& g = stillSources_[i];
-    if (g.area < kPersonArea || g.area > kStillMaxRegionArea || g.minDepth >= kFarCut || g.height < kPersonHeight) {
+    if (g.area < kPersonArea || g.minDepth >= kFarCut || g.height < kPersonHeight) {
       continue;
     }
     const float x = float(g.worldX), z = float(g.meanDepth);
@@ -416,7 +453,7 @@ void UserSegmenter::find_still_people() {
     const int32_t width = int32_t(double(box.maxX - box.minX + 1) * pixel_size(depth));
     const bool personSized = area >= kPersonArea && area <= kPersonMaxArea && height >= kPersonHeight &&
                              height <= kPersonMaxHeight && width <= kPersonMaxWidth &&
-                             box.maxZ - box.minZ <= kStillThickness && !covered_by_users(box);
+                             box.maxZ - box.minZ <= kStillThickness && !covered_by_users(box) && has_head(box);
     if (!personSized) {
       // Its shape may change as the floor is found or someone steps away: cut it again
       // soon, without a question to the forest.

@@ -1,0 +1,102 @@
+// People who stand in view when tracking starts, with the shipped forest on simulated rooms:
+// they must be found whether or not they move, as one body, and a person-sized stack of
+// boxes must not.
+
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "forest/forest_reader.h"
+#include "renderer.h"
+#include "runner.h"
+#include "tracker/body_tracker.h"
+
+namespace quorvik::eval {
+namespace {
+
+using skeleton::BodyStatus;
+
+skeleton::DecisionForest shipped_forest() {
+  auto forest = skeleton::load_forest(std::string(QBT_SOURCE_DIR) + "/data/QuorvikBodyTracking.data");
+  if (!forest.is_ok()) ADD_FAILURE() << "the shipped forest does not load";
+  return forest.is_ok() ? forest.unwrap() : skeleton::DecisionForest{};
+}
+
+struct Outcome {
+  int firstTracked = -1;  // frame of the first body with a reported joint
+  int mostBodies = 0;     // tracked bodies in one frame, at most
+};
+
+Outcome track(const sim::Scenario& scenario, const skeleton::DecisionForest& forest) {
+  sim::Renderer renderer(scenario);
+  skeleton::BodyTracker tracker(skeleton::TrackerOptions{}, copy_forest(forest), 160, 120);
+  tracker.isDepthMirrored = scenario.options().mirrored;
+  sim::Frame frame;
+  Outcome run;
+  for (int i = 0; i < scenario.frame_count(); ++i) {
+    renderer.render(i, frame);
+    tracker.update(frame.depth.width(), frame.depth.height(), frame.depth.data()).unwrap();
+    int bodies = 0;
+    for (const skeleton::Body& b : tracker.bodies()) {
+      if (b.status != BodyStatus::Tracking && b.status != BodyStatus::TrackingStarted) continue;
+      ++bodies;
+      for (const auto& [type, joint] : b.joints) {
+        if (joint.status != skeleton::JointStatus::None && run.firstTracked < 0) run.firstTracked = i;
+      }
+    }
+    run.mostBodies = std::max(run.mostBodies, bodies);
+  }
+  return run;
+}
+
+TEST(StandingStart, StillOrMovingOnePersonBecomesOneBodyWithin45Frames) {
+  const skeleton::DecisionForest forest = shipped_forest();
+  struct Case {
+    const char* scenario;
+    uint32_t width;
+    uint64_t seed;
+    bool mirrored;
+  };
+  // Kick: the moving leg must not become a body of its own before the person does.
+  for (const Case& c : {Case{"wave", 160, 31, false}, Case{"kick", 320, 32, true}, Case{"arms-crossed", 160, 33, true}}) {
+    SCOPED_TRACE(testing::Message() << c.scenario << " seed " << c.seed);
+    sim::ScenarioOptions o;
+    o.name = c.scenario;
+    o.people = 1;
+    o.width = c.width;
+    o.height = c.width * 3 / 4;
+    o.frames = 70;
+    o.seed = c.seed;
+    o.mirrored = c.mirrored;
+    const Outcome run = track(sim::Scenario::make(o), forest);
+    EXPECT_GE(run.firstTracked, 0);
+    EXPECT_LE(run.firstTracked, 45);
+    EXPECT_EQ(run.mostBodies, 1);
+  }
+}
+
+TEST(StandingStart, PersonSizedColumnsAreNoBodies) {
+  const skeleton::DecisionForest forest = shipped_forest();
+  sim::ScenarioOptions o;
+  o.name = "empty-room";
+  o.frames = 90;
+  o.seed = 34;
+  const sim::Scenario empty = sim::Scenario::make(o);
+  const sim::CameraSetup& camera = empty.camera();
+  sim::Room room = empty.room();
+  room.furniture.clear();
+  // A stack of boxes as wide and as tall as a person, and a narrower, taller column (a coat
+  // stand), standing free in front of the camera.
+  sim::Furniture stack, column;
+  stack.kind = column.kind = sim::FurnitureKind::Cabinet;
+  stack.size = {480, 1700, 350};
+  stack.x = camera.position.x - 500, stack.z = camera.position.z + 2600;
+  column.size = {300, 1850, 300};
+  column.x = camera.position.x + 600, column.z = camera.position.z + 3000;
+  room.furniture = {stack, column};
+  const Outcome run = track(sim::Scenario(o, camera, room, {}), forest);
+  EXPECT_EQ(run.mostBodies, 0);
+}
+
+}  // namespace
+}  // namespace quorvik::eval
