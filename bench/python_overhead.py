@@ -2,7 +2,7 @@
 """What the binding adds to an update: the whole Tracker.update call from Python minus the
 time spent inside qbt_bodytracker_update, per frame of a recording.
 
-    PYTHONPATH=build/python /usr/bin/python3 python/bench_overhead.py RECORDING [--size WxH] [--repeat N]
+    PYTHONPATH=build/python /usr/bin/python3 bench/python_overhead.py RECORDING [--size WxH] [--repeat N]
 
 Make a 640x480 recording with: build/tools/sim/qbt-sim walk-in --people 2 --size 640x480 \
 --frames 60 --mirrored --out /tmp/walk-in-640
