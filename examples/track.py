@@ -1,8 +1,6 @@
 #!/usr/bin/env python3
-"""Tracks a recording and writes one JSON object per frame, as `qbt track` does.
-
-    python3 examples/track.py RECORDING [--size WxH] [--data FILE] > track.jsonl
-"""
+"""Tracks a recording and writes one JSON object per frame, as `qbt track` does:
+python3 examples/track.py RECORDING [--size WxH] [--data FILE] > track.jsonl"""
 import argparse
 import json
 import sys
