@@ -162,13 +162,22 @@ struct OptionField {
 template <typename T>
 T checked(const py::handle& value, const char* name) {
   if constexpr (std::is_floating_point_v<T>) {
-    if (!py::isinstance<py::float_>(value) && !py::isinstance<py::int_>(value))
+    // Any real number (numpy scalars too), but not a string that happens to parse.
+    if (py::isinstance<py::str>(value) || py::isinstance<py::bytes>(value) || !PyNumber_Check(value.ptr()))
       raise_argument(std::string("option ") + name + " must be a number");
-    return value.cast<T>();
+    py::object number = py::reinterpret_steal<py::object>(PyNumber_Float(value.ptr()));
+    if (!number) throw py::error_already_set();
+    return static_cast<T>(PyFloat_AsDouble(number.ptr()));
   } else {
-    if (!py::isinstance<py::int_>(value)) raise_argument(std::string("option ") + name + " must be an integer");
-    const long long v = value.cast<long long>();
-    if (v < static_cast<long long>(std::numeric_limits<T>::min()) ||
+    // Integers and numpy integer scalars; a float would be silently cut.
+    py::object index = py::reinterpret_steal<py::object>(PyNumber_Index(value.ptr()));
+    if (!index) {
+      PyErr_Clear();
+      raise_argument(std::string("option ") + name + " must be an integer");
+    }
+    int overflow = 0;
+    const long long v = PyLong_AsLongLongAndOverflow(index.ptr(), &overflow);
+    if (overflow != 0 || v < static_cast<long long>(std::numeric_limits<T>::min()) ||
         v > static_cast<long long>(std::numeric_limits<T>::max()))
       raise_argument(std::string("option ") + name + " is out of range for its type");
     return static_cast<T>(v);

@@ -72,6 +72,7 @@ def test_bad_arrays_are_refused_clearly(depth, words, data_file):
     ({"max_depth": -1}, "out of range"),
     ({"horizontal_fov": "wide"}, "must be a number"),
     ({"const_shift": 2.5}, "must be an integer"),
+    ({"device_max_depth": 2 ** 70}, "out of range"),
 ])
 def test_bad_options_are_refused(options, words, data_file):
     with pytest.raises(qbt.ArgumentError, match=words):

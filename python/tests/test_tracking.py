@@ -132,6 +132,7 @@ def test_mirroring_and_options(data_file):
         assert tracker.mirrored is True
     defaults = qbt.default_options()
     assert defaults["horizontal_fov"] == pytest.approx(58.59) and defaults["pixel_size_factor"] == 1
+    defaults.update(max_depth=np.uint16(9000), horizontal_fov=np.float32(60))
     with qbt.Tracker(data_file, **defaults) as tracker:
         frame = tracker.update(np.zeros((120, 160), np.uint16))
         assert frame.bodies == [] and not frame.floor_detected
