@@ -109,7 +109,8 @@ def move_library_log_to_stderr():
     sys.stdout.flush()
     saved = os.dup(1)
     os.dup2(2, 1)
-    sys.stdout = os.fdopen(saved, "w", buffering=1 if sys.stdout.line_buffering else -1)
+    line_buffered = getattr(sys.stdout, "line_buffering", False)
+    sys.stdout = os.fdopen(saved, "w", buffering=1 if line_buffered else -1)
     _stdout_moved = True
 
 
