@@ -4,7 +4,8 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 packages=(cmake g++ make pkg-config libspdlog-dev libfmt-dev libeigen3-dev libgtest-dev libgmock-dev
-          libbenchmark-dev libpng-dev nlohmann-json3-dev libcli11-dev)
+          libbenchmark-dev libpng-dev nlohmann-json3-dev libcli11-dev
+          python3-dev pybind11-dev python3-numpy python3-pytest)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
@@ -18,3 +19,10 @@ fi
 BUILD_DIR=${BUILD_DIR:-build}
 cmake -S . -B "$BUILD_DIR" -DCMAKE_BUILD_TYPE=${BUILD_TYPE:-Release} "$@" >/dev/null
 cmake --build "$BUILD_DIR" -j"$(nproc)"
+# The system's python3 (the one Debian's NumPy is for) imports the built Python package from
+# here on; `cmake --install` installs a copy that takes precedence over it.
+if [ -d "$BUILD_DIR/python/quorvik_body_tracking" ] && [ -x /usr/bin/python3 ] && [ "$(id -u)" = 0 ] &&
+   grep -q '^QBT_SANITIZE:STRING=$' "$BUILD_DIR/CMakeCache.txt"; then
+  site=$(/usr/bin/python3 -c 'import sysconfig; print(sysconfig.get_path("platlib"))')
+  mkdir -p "$site" && echo "$(cd "$BUILD_DIR" && pwd)/python" >"$site/quorvik_body_tracking_build.pth"
+fi

@@ -1,0 +1,63 @@
+"""Exceptions raised for the library's result codes."""
+
+import enum
+
+
+class ErrorCode(enum.IntEnum):
+    """The library's result codes (QBT_RESULT_...)."""
+
+    BODYFRAME_NOT_RELEASED = 1
+    DATAFILE_INVALID_FORMAT = 2
+    DATAFILE_NOT_FOUND = 3
+    ASYNC_BODYFRAME_MISMATCH = 4
+    ASYNC_BODYFRAME_UNAVAILABLE = 5
+    INVALID_DEPTHMAP_SIZE = 6
+    INVALID_PARAMETER = 7
+    RESULT_ALREADY_TAKEN = 8
+    JOINT_TYPE_CONVERSION_FAILED = 100
+    JOINT_STATUS_CONVERSION_FAILED = 101
+    BODY_STATUS_CONVERSION_FAILED = 102
+    UNHANDLED_EXCEPTION = 103
+    NULL_BODYFRAME = 104
+    WORKER_QUEUE_FULL = 105
+    UNKNOWN_ERROR = 127
+
+
+class TrackerError(Exception):
+    """A failure of the library: `code` is its result code, `message` its own text."""
+
+    def __init__(self, code, message):
+        super().__init__(message)
+        try:
+            self.code = ErrorCode(code)
+        except ValueError:
+            self.code = int(code)
+        self.message = message
+
+    def __str__(self):
+        return f"{self.message} (code {int(self.code)})"
+
+
+class DataFileError(TrackerError):
+    """The data file (the trained forest) is missing or cannot be loaded."""
+
+
+class SizeError(TrackerError, ValueError):
+    """The depth map's size is not a whole multiple of 160x120."""
+
+
+class ArgumentError(TrackerError, ValueError):
+    """An argument the library (or this binding on its behalf) refuses."""
+
+
+_CLASSES = {
+    ErrorCode.DATAFILE_INVALID_FORMAT: DataFileError,
+    ErrorCode.DATAFILE_NOT_FOUND: DataFileError,
+    ErrorCode.INVALID_DEPTHMAP_SIZE: SizeError,
+    ErrorCode.INVALID_PARAMETER: ArgumentError,
+}
+
+
+def error_for_code(code, message):
+    """The exception for a non-zero result code and the library's text."""
+    return _CLASSES.get(code, TrackerError)(code, message)
