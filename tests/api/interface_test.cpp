@@ -106,6 +106,8 @@ TEST(ArgumentChecks, EachRefusalStoresItsText) {
   static qbt_bodytracker_t tracker;
   static const qbt_bodyframe_t trackerOnly{fake_tracker(), nullptr};
   static const qbt_asyncbodyframe_t asyncTrackerOnly{fake_tracker(), nullptr};
+  static qbt_depthmap_t nullData;
+  nullData.data = nullptr, nullData.width = 160, nullData.height = 120;
 
   const CheckCase cases[] = {
       {"create null out", [] { return qbt_bodytracker_create(nullptr, nullptr); },
@@ -128,12 +130,16 @@ TEST(ArgumentChecks, EachRefusalStoresItsText) {
        "qbt_bodytracker_update(): Invalid parameter: bodyFrame is null"},
       {"update depth", [] { return qbt_bodytracker_update(fake_tracker(), nullptr, &frame); },
        "qbt_bodytracker_update(): Invalid parameter: depthMap is null"},
+      {"update null data", [] { return qbt_bodytracker_update(fake_tracker(), &nullData, &frame); },
+       "qbt_bodytracker_update(): Invalid parameter: depthMap data is null"},
       {"async handle", [] { return qbt_bodytracker_update_async(nullptr, &depth, &async); },
        "qbt_bodytracker_update_async(): Invalid parameter: bodyTracker"},
       {"async out", [] { return qbt_bodytracker_update_async(fake_tracker(), &depth, nullptr); },
        "qbt_bodytracker_update_async(): Invalid parameter: asyncBodyFrame is null"},
       {"async depth", [] { return qbt_bodytracker_update_async(fake_tracker(), nullptr, &async); },
        "qbt_bodytracker_update_async(): Invalid parameter: depthMap is null"},
+      {"async null data", [] { return qbt_bodytracker_update_async(fake_tracker(), &nullData, &async); },
+       "qbt_bodytracker_update_async(): Invalid parameter: depthMap data is null"},
       {"ready handle", [] { return qbt_asyncbodyframe_frame_ready(qbt_asyncbodyframe_t{}, &flag); },
        "qbt_asyncbodyframe_frame_ready(): Invalid parameter: asyncBodyFrame"},
       {"ready out", [] { return qbt_asyncbodyframe_frame_ready(asyncTrackerOnly, nullptr); },
