@@ -35,7 +35,7 @@
 //     person who has stood still since the background was learnt has no near pixels; they
 //     are found among the static regions instead. Every static region and every group of
 //     them (touching boxes, overlapping depth ranges) of at least 100,000 mm2 and 1000 mm
-//     tall is a proposal, followed on the ground within 300 mm from frame to
+//     tall (700 mm where it reaches the image's bottom row) is a proposal, followed on the ground within 300 mm from frame to
 //     frame. A proposal is cut to its person: floor pixels leave (those with the floor's
 //     slope, receding by depth / 150 or more a row both above and below, measured to the
 //     nearest row with depth 2 to 5 rows away, and those within
@@ -136,6 +136,7 @@ inline constexpr int32_t kStillHeadEnd = 12;          // percent of the height f
 inline constexpr int32_t kStillShoulderStart = 18;    // and the shoulders
 inline constexpr int32_t kStillShoulderEnd = 40;
 inline constexpr int32_t kStillHeadWidthPercent = 80;  // of the shoulders' width, at most
+inline constexpr int32_t kStillCutHeight = 700;       // mm, for a proposal cut off by the image's bottom
 inline constexpr int32_t kStillThickness = 1500;      // mm from the nearest to the farthest pixel
 inline constexpr float kStillMatch = 300;             // mm on the ground between frames
 inline constexpr int32_t kStillYes = 2;

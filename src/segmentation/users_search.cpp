@@ -423,7 +423,9 @@ void UserSegmenter::find_still_people() {
   bool asked = false;
   for (int32_t i = 0; i < sources; ++i) {
     const Group& g = stillSources_[i];
-    if (g.area < kPersonArea || g.minDepth >= kFarCut || g.height < kPersonHeight) {
+    // Someone cut off by the bottom of the image shows less of their height.
+    const int32_t tallEnough = g.maxY >= height_ - 1 - kBorderColumns ? kStillCutHeight : kPersonHeight;
+    if (g.area < kPersonArea || g.minDepth >= kFarCut || g.height < tallEnough) {
       continue;
     }
     const float x = float(g.worldX), z = float(g.meanDepth);
@@ -451,7 +453,8 @@ void UserSegmenter::find_still_people() {
     const double depth = 0.5 * (box.minZ + box.maxZ);
     const int32_t height = world_height(box.minY, box.maxY, depth);
     const int32_t width = int32_t(double(box.maxX - box.minX + 1) * pixel_size(depth));
-    const bool personSized = area >= kPersonArea && area <= kPersonMaxArea && height >= kPersonHeight &&
+    const int32_t cutTallEnough = box.maxY >= height_ - 1 - kBorderColumns ? kStillCutHeight : kPersonHeight;
+    const bool personSized = area >= kPersonArea && area <= kPersonMaxArea && height >= cutTallEnough &&
                              height <= kPersonMaxHeight && width <= kPersonMaxWidth &&
                              box.maxZ - box.minZ <= kStillThickness && !covered_by_users(box) && has_head(box);
     if (!personSized) {
