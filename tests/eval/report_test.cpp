@@ -22,6 +22,9 @@ Tally sample_tally() {
   t.idSwitches = 1;
   t.falseBodyFrames = 4;
   t.acquisition = {3, -1, 5};
+  t.maskShared = 90;
+  t.maskPixels = 100;
+  t.maskTruth = 120;
   t.add_joint(0, JointStatus::High, {50, 30, 40}, 2000);
   t.add_joint(0, JointStatus::High, {150, 90, 120}, 2000);
   t.add_joint(1, JointStatus::None, {}, 0);
@@ -36,6 +39,8 @@ TEST(Headline, NumbersFromATally) {
   EXPECT_DOUBLE_EQ(m.at("mean_error_mm"), 90.0);
   EXPECT_DOUBLE_EQ(m.at("median_error_mm"), 70.0);
   EXPECT_DOUBLE_EQ(m.at("part_accuracy"), 0.6);
+  EXPECT_DOUBLE_EQ(m.at("mask_precision"), 0.9);
+  EXPECT_DOUBLE_EQ(m.at("mask_recall"), 0.75);
   EXPECT_DOUBLE_EQ(m.at("coverage"), 0.5);
   EXPECT_DOUBLE_EQ(m.at("floor_found"), 0.8);
   EXPECT_DOUBLE_EQ(m.at("floor_error_deg"), 2.0);
