@@ -450,6 +450,11 @@ void UserSegmenter::find_still_people() {
 
     Box3D<int> box;
     const int64_t area = cut_still_person(g, box);
+    if (area < kPersonArea) {
+      // Nothing or little is left after the cut (its box may be empty): look again soon.
+      p->nextCheck = frame_ + kStillShapeWait;
+      continue;
+    }
     const double depth = 0.5 * (box.minZ + box.maxZ);
     const int32_t height = world_height(box.minY, box.maxY, depth);
     const int32_t width = int32_t(double(box.maxX - box.minX + 1) * pixel_size(depth));
