@@ -1,7 +1,9 @@
 #include "tracker/body_tracker.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstring>
+#include <utility>
 #include <vector>
 
 #include "classifier/frame_classifier.h"
@@ -18,6 +20,40 @@ constexpr double kCheckLowerShare = 0.08;
 constexpr double kCheckConfidence = 0.6;
 
 uint8_t bands_of(uint8_t label, const std::array<uint8_t, 32>& bands) { return label < bands.size() ? bands[label] : 0; }
+
+// Body-part labels by side (model sides: 0 left, 1 right, -1 centre) and their mirror
+// images.
+constexpr std::array<std::pair<uint8_t, uint8_t>, 12> kSidePairs = {{{2, 4}, {3, 5}, {7, 8}, {9, 12}, {10, 13},
+                                                                      {11, 14}, {15, 16}, {17, 18}, {19, 20},
+                                                                      {22, 23}, {24, 25}, {26, 27}}};
+uint8_t mirror_label(uint8_t label) {
+  for (const auto& [left, right] : kSidePairs) {
+    if (label == left) return right;
+    if (label == right) return left;
+  }
+  return label;
+}
+constexpr float kPi = 3.14159265358979f;
+float wrap_angle(float a) {
+  while (a > kPi) a -= 2 * kPi;
+  while (a < -kPi) a += 2 * kPi;
+  return a;
+}
+// Within half a turn: an axis is the same axis turned by pi.
+float wrap_half_turn(float a) {
+  while (a > kPi / 2) a -= kPi;
+  while (a < -kPi / 2) a += kPi;
+  return a;
+}
+bool is_torso(uint8_t label) { return (label >= 15 && label <= 23); }
+constexpr double kFacingMinPixels = 20;
+// (largest - smallest) / (largest + smallest) of the spread's two axes, at least: the
+// long axis twice the short one.
+constexpr double kFacingElongation = 0.6;
+constexpr float kFacingSquare = 0.5f;  // radians off square to the camera, at most, to start following
+constexpr int kFacingSquareFrames = 10;  // in a row: a walker in profile shows square now and then
+constexpr float kFacingTurn = 0.15f;     // radians a frame, at most
+constexpr float kFacingGain = 0.5f;  // of each reading taken into the followed line
 
 // Report order of the joints: the order of a user's joint table and of a body's joints.
 constexpr uint8_t kReportOrder[kJointCount] = {8, 1, 0, 2, 3, 4, 5, 6, 7, 9, 10, 11, 12, 13, 14, 15};
@@ -146,6 +182,7 @@ void BodyTracker::update_user(TrackedUser& user, const Body* previous, const std
   const ClassifierUser classified{user.id, user.labels, user.candidates};
   classifier_->classify_user(depth_, userAnalyzer_.userLabels(), classified, classifierThreshold_, pixelLabels_,
                              userIdImage_, score, region, pool_);
+  follow_facing(user);
   modelTracker_.step(user.skeleton, pixelLabels_, worldPoints_, userIdImage_, region, frameNumber_, cameraModel_);
 
   Body& body = newBodies.emplace_back();
@@ -222,6 +259,61 @@ bool BodyTracker::reads_as_person(const legacy::Array2D<uint8_t>& mask) {
   logger_->debug("BodyTracker person check: {} pixels, head {:.2f} upper {:.2f} lower {:.2f}, mean probability {:.2f}",
                  n, count[kHead] / n, count[kUpper] / n, count[kLower] / n, probability / n);
   return layout && confident;
+}
+
+void BodyTracker::follow_facing(TrackedUser& user) {
+  // The forest was trained on people facing the camera and a back looks like a front in
+  // depth, so it names the sides as if the person faced the camera, and through a profile
+  // its sides drift rather than jump. The torso's visible surface, seen from above, lies
+  // along the shoulder line whichever way the person faces: its main axis turns with the
+  // person, and followed from frame to frame (it is known only up to a half turn) it tells
+  // a back from a front.
+  // Spread within each row only: a torso that leans forward, crouching or sitting, also
+  // spreads in depth from row to row, which says nothing of where it faces.
+  double n = 0, cxx = 0, czz = 0, cxz = 0;
+  const uint32_t w = pixelLabels_.width(), h = pixelLabels_.height();
+  for (uint32_t y = 0; y < h; ++y) {
+    const PixelLabel* p = pixelLabels_.row(y);
+    const uint8_t* id = userIdImage_.row(y);
+    const WorldPoint* world = worldPoints_.row(y);
+    double rn = 0, sx = 0, sz = 0, sxx = 0, szz = 0, sxz = 0;
+    for (uint32_t x = 0; x < w; ++x) {
+      if (id[x] != user.id || p[x].probability <= 0.f || world[x].z <= 0.f || !is_torso(p[x].label)) continue;
+      const double px = world[x].x, pz = world[x].z;
+      rn += 1, sx += px, sz += pz, sxx += px * px, szz += pz * pz, sxz += px * pz;
+    }
+    if (rn < 2) continue;
+    n += rn;
+    cxx += sxx - sx * sx / rn, czz += szz - sz * sz / rn, cxz += sxz - sx * sz / rn;
+  }
+  // Only a clearly elongated spread has a direction.
+  const double spread = std::sqrt((cxx - czz) * (cxx - czz) + 4 * cxz * cxz), total = cxx + czz;
+  if (n >= kFacingMinPixels && spread >= kFacingElongation * total) {
+    const float axis = static_cast<float>(0.5 * std::atan2(2 * cxz, cxx - czz));  // -pi/2 .. pi/2
+    if (std::isnan(user.sideYaw)) {
+      // Followed once the torso has been square to the camera for a while, taken then to
+      // face it, as the forest assumes. In a profile, as when walking in from the side,
+      // front and back are a coin toss.
+      user.squareFrames = std::abs(axis) < kFacingSquare ? user.squareFrames + 1 : 0;
+      if (user.squareFrames >= kFacingSquareFrames) user.sideYaw = axis;
+    } else {
+      // The reading nearest the followed angle, of axis + k pi, no faster than a person
+      // turns.
+      const float step = std::clamp(kFacingGain * wrap_half_turn(axis - user.sideYaw), -kFacingTurn, kFacingTurn);
+      user.sideYaw = wrap_angle(user.sideYaw + step);
+    }
+  } else if (std::isnan(user.sideYaw)) {
+    user.squareFrames = 0;
+  }
+  if (!std::isnan(user.sideYaw)) user.facingAway = std::abs(user.sideYaw) > kPi / 2;
+  if (!user.facingAway) return;
+  for (uint32_t y = 0; y < h; ++y) {
+    PixelLabel* p = pixelLabels_.row(y);
+    const uint8_t* id = userIdImage_.row(y);
+    for (uint32_t x = 0; x < w; ++x) {
+      if (id[x] == user.id) p[x].label = mirror_label(p[x].label);
+    }
+  }
 }
 
 void BodyTracker::reset() {

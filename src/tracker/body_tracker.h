@@ -5,6 +5,7 @@
 
 #include <array>
 #include <cstdint>
+#include <limits>
 #include <memory>
 #include <optional>
 #include <vector>
@@ -32,6 +33,11 @@ class FrameClassifier;
 struct TrackedUser : SegmentedUser {
   explicit TrackedUser(uint8_t userId) : SegmentedUser(userId), skeleton(userId) {}
   UserSkeleton skeleton;
+  // Direction of the line from the right side to the left side of the body, seen from
+  // above (radians, 0 when facing the camera), followed through turns; NaN until measured.
+  float sideYaw = std::numeric_limits<float>::quiet_NaN();
+  bool facingAway = false;
+  int squareFrames = 0;  // in a row, before the line is followed
 };
 
 class BodyTracker {
@@ -66,6 +72,9 @@ class BodyTracker {
   void reduce(uint32_t width, uint32_t height, const uint16_t* pixels);
   // Whether the forest reads the masked pixels of this frame as one upright person.
   bool reads_as_person(const legacy::Array2D<uint8_t>& mask);
+  // Follows which way the user faces and, while they face away, gives the body-part labels
+  // of their pixels the sides they really have.
+  void follow_facing(TrackedUser& user);
 
   uint32_t blockWidth_;
   uint32_t blockHeight_;

@@ -1,14 +1,17 @@
 // People who stand in view when tracking starts, with the shipped forest on simulated rooms:
 // they must be found whether or not they move, as one body, and a person-sized stack of
-// boxes must not.
+// boxes must not; once found, turning their back keeps their left side on the left.
 
+#include <cmath>
 #include <string>
 
 #include <gtest/gtest.h>
 
 #include "forest/forest_reader.h"
+#include "body.h"
 #include "renderer.h"
 #include "runner.h"
+#include "skeleton/vocabulary.h"
 #include "tracker/body_tracker.h"
 
 namespace quorvik::eval {
@@ -96,6 +99,62 @@ TEST(StandingStart, PersonSizedColumnsAreNoBodies) {
   room.furniture = {stack, column};
   const Outcome run = track(sim::Scenario(o, camera, room, {}), forest);
   EXPECT_EQ(run.mostBodies, 0);
+}
+
+// Turns away, then back: the hands, elbows and shoulders reported as left must be the
+// person's left ones while the back is turned as much as before the turn. A back looks like a
+// front in depth, so the sides have to be followed through the turn.
+TEST(StandingStart, SidesStayTrueThroughATurnAway) {
+  const skeleton::DecisionForest forest = shipped_forest();
+  sim::ScenarioOptions o;
+  o.name = "empty-room";
+  o.width = 320, o.height = 240;
+  o.frames = 330;
+  o.seed = 35;
+  const sim::Scenario empty = sim::Scenario::make(o);
+  const sim::CameraSetup& camera = empty.camera();
+  sim::Room room = empty.room();
+  room.furniture.clear();
+  // Not quite half a turn, so that the direction of each turn is known.
+  for (const float turn : {3.0f, -3.0f}) {
+    SCOPED_TRACE(testing::Message() << "turning by " << turn);
+    sim::Actor person;
+    const float x = camera.position.x + 200, z = camera.position.z + 2800;
+    const float facing = std::atan2(camera.position.x - x, camera.position.z - z);
+    person.timeline = sim::Timeline(person.shape, x, z, facing);
+    person.timeline.stand(3.f).turn_to(facing + turn, 1.5f).stand(3.f).turn_to(facing, 1.5f).stand(2.f);
+    const sim::Scenario scenario(o, camera, room, {person});
+    sim::Renderer renderer(scenario);
+    skeleton::BodyTracker tracker(skeleton::TrackerOptions{}, copy_forest(forest), 160, 120);
+    tracker.isDepthMirrored = false;
+    sim::Frame frame;
+    int facingRight = 0, facingSides = 0, awayRight = 0, awaySides = 0;
+    for (int i = 0; i < scenario.frame_count(); ++i) {
+      renderer.render(i, frame);
+      tracker.update(frame.depth.width(), frame.depth.height(), frame.depth.data()).unwrap();
+      const float t = scenario.time_of(i);
+      const bool facingCamera = t > 1.5f && t < 3.f, away = t > 5.f && t < 7.5f;
+      if ((!facingCamera && !away) || frame.people.empty() || tracker.bodies().empty()) continue;
+      const sim::PersonTruth& truth = frame.people.front();
+      for (const auto& [type, joint] : tracker.bodies().front().joints) {
+        if (joint.status == skeleton::JointStatus::None || type >= skeleton::kJointCount) continue;
+        const uint8_t other = skeleton::mirror_joint(type);
+        if (other == type) continue;
+        const auto distance = [&](uint8_t truthType) {
+          const skeleton::WorldPoint& p = truth.joints[truthType].camera;
+          return std::hypot(joint.worldPosition[0] - p.x, joint.worldPosition[1] - p.y,
+                            joint.worldPosition[2] - p.z);
+        };
+        const bool right = distance(type) < distance(other);
+        (away ? awaySides : facingSides) += 1;
+        (away ? awayRight : facingRight) += right ? 1 : 0;
+      }
+    }
+    ASSERT_GT(facingSides, 100);
+    ASSERT_GT(awaySides, 100);
+    EXPECT_GE(facingRight, facingSides * 9 / 10);
+    EXPECT_GE(awayRight, awaySides * 9 / 10);
+  }
 }
 
 }  // namespace
