@@ -28,6 +28,20 @@ TEST(JointMatching, MirroredRecordingsCompareWithTheOtherSide) {
   }
 }
 
+TEST(JointMatching, TheBackIsTurnedWhenTheLeftShoulderIsOnTheLeftOfTheView) {
+  // Shoulders 400 mm apart, 3 m away; facing the camera the model's left shoulder is at +x.
+  struct Case {
+    float leftX, leftZ, rightX, rightZ;
+    bool back;
+  };
+  for (const Case& c : {Case{200, 3000, -200, 3000, false}, Case{-200, 3000, 200, 3000, true},
+                        Case{0, 2800, 0, 3200, false}, Case{-80, 2820, 80, 3180, false},
+                        Case{-180, 2900, 180, 3100, true}}) {
+    SCOPED_TRACE(testing::Message() << c.leftX << " " << c.leftZ);
+    EXPECT_EQ(shows_back({c.leftX, 1200, c.leftZ}, {c.rightX, 1200, c.rightZ}), c.back);
+  }
+}
+
 TEST(JointMatching, ErrorSplitsIntoImagePlaneAndDepth) {
   const JointError e = joint_error({30, 40, 2000}, {0, 0, 2120});
   EXPECT_FLOAT_EQ(e.lateral, 50.f);

@@ -180,6 +180,20 @@ void Tally::merge(const Tally& o) {
   maskShared += o.maskShared;
   maskPixels += o.maskPixels;
   maskTruth += o.maskTruth;
+  sideJoints += o.sideJoints;
+  sideRight += o.sideRight;
+  backJoints += o.backJoints;
+  backRight += o.backRight;
+}
+
+double Tally::side_right() const { return ratio(sideRight, sideJoints); }
+double Tally::back_side_right() const { return ratio(backRight, backJoints); }
+
+bool shows_back(const std::array<float, 3>& leftShoulder, const std::array<float, 3>& rightShoulder) {
+  // Facing the camera, the model's left shoulder lies towards +x in camera space, mirrored
+  // or not (the truth's side names follow the mirroring).
+  const double dx = leftShoulder[0] - rightShoulder[0], dz = leftShoulder[2] - rightShoulder[2];
+  return dx < -0.5 * std::hypot(dx, dz);
 }
 
 double Tally::mask_precision() const {

@@ -48,6 +48,10 @@ std::vector<uint8_t> false_bodies(const Overlap& overlap, const std::vector<uint
 
 // Angle in degrees between two plane normals (n . p + d = 0); the normals need not be unit.
 // Opposite normals are 180 degrees apart: an upside-down floor is an error too.
+// Whether a person shows their back to the camera, from the truth shoulders (named by the
+// model's sides): within 60 degrees of back-on.
+bool shows_back(const std::array<float, 3>& leftShoulder, const std::array<float, 3>& rightShoulder);
+
 double normal_angle_deg(const std::array<float, 4>& a, const std::array<float, 4>& b);
 
 // Counts id switches: while a person stays visible, the body it maps to changes from one
@@ -111,6 +115,9 @@ struct Tally {
   // Body masks of tracked people against their truth pixels, at the input size, summed
   // over the frames in which the person maps to a body.
   uint64_t maskShared = 0, maskPixels = 0, maskTruth = 0;
+  // Reported left and right joints nearer their own truth than the other side's, over all
+  // frames and over the frames in which the person shows their back.
+  uint64_t sideJoints = 0, sideRight = 0, backJoints = 0, backRight = 0;
 
   // A visible truth joint and what the matched body said about it (None: not reported or
   // no body); `error` and `distanceMm` are read only when reported.
@@ -122,6 +129,8 @@ struct Tally {
   double floor_found() const;
   double mask_precision() const;
   double mask_recall() const;
+  double side_right() const;
+  double back_side_right() const;
 };
 
 }  // namespace quorvik::eval

@@ -9,7 +9,8 @@ namespace quorvik::eval {
 namespace {
 
 const char* const kHigherIsBetter[] = {"detection_rate", "part_accuracy", "coverage", "floor_found",
-                                       "high_share",     "acquired_share", "mask_precision", "mask_recall"};
+                                       "high_share",     "acquired_share", "mask_precision", "mask_recall",
+                                       "side_right",     "back_side_right"};
 
 double ratio(uint64_t a, uint64_t b) { return b == 0 ? 0.0 : static_cast<double>(a) / static_cast<double>(b); }
 
@@ -86,6 +87,8 @@ std::map<std::string, double> headline(const Tally& t) {
   if (t.partCompared > 0) m["part_accuracy"] = t.part_accuracy();
   if (t.maskPixels > 0) m["mask_precision"] = t.mask_precision();
   if (t.maskTruth > 0) m["mask_recall"] = t.mask_recall();
+  if (t.sideJoints > 0) m["side_right"] = t.side_right();
+  if (t.backJoints > 0) m["back_side_right"] = t.back_side_right();
   if (t.personPixels > 0) m["coverage"] = t.coverage();
   if (t.frames > 0) {
     m["floor_found"] = t.floor_found();
@@ -100,23 +103,25 @@ std::map<std::string, double> headline(const Tally& t) {
 }
 
 void print_table(std::ostream& out, const std::vector<CaseResult>& results) {
-  out << fmt::format("{:<22}{:>8}{:>7}{:>8}{:>8}{:>8}{:>7}{:>7}{:>6}{:>6}{:>6}{:>6}{:>7}{:>7}{:>6}{:>8}\n", "scenario",
-                     "size", "frames", "det100", "mean", "median", "parts", "cover", "acq", "prec", "rec", "ids",
-                     "false", "floor", "fl.ok", "ms/fr");
+  out << fmt::format("{:<22}{:>8}{:>7}{:>8}{:>8}{:>8}{:>7}{:>7}{:>6}{:>6}{:>6}{:>6}{:>6}{:>6}{:>7}{:>7}{:>6}{:>8}\n",
+                     "scenario", "size", "frames", "det100", "mean", "median", "parts", "cover", "acq", "prec", "rec",
+                     "side", "back", "ids", "false", "floor", "fl.ok", "ms/fr");
   for (const CaseResult& r : results) {
     const Tally& t = r.tally;
     const JointSums s = all_joints(t);
     const Stats e = stats_of(s.total);
     const Acquisition a = acquisition_of(t);
     const std::string acq = a.people == 0 ? "-" : (a.acquired < a.people ? "never" : fmt::format("{:.0f}", a.meanFrames));
-    out << fmt::format("{:<22}{:>8}{:>7}{:>8}{:>8}{:>8}{:>7}{:>7}{:>6}{:>6}{:>6}{:>6}{:>7}{:>7}{:>6}{:>8.2f}\n",
+    out << fmt::format("{:<22}{:>8}{:>7}{:>8}{:>8}{:>8}{:>7}{:>7}{:>6}{:>6}{:>6}{:>6}{:>6}{:>6}{:>7}{:>7}{:>6}{:>8.2f}\n",
                        r.evalCase.label.substr(0, 21), size_of(r.evalCase), t.frames,
                        or_dash(100.0 * ratio(s.detected, s.truth), s.truth, "{:.1f}%"),
                        or_dash(e.mean, e.count, "{:.0f}"), or_dash(e.median, e.count, "{:.0f}"),
                        or_dash(100.0 * t.part_accuracy(), t.partCompared, "{:.1f}%"),
                        or_dash(100.0 * t.coverage(), t.personPixels, "{:.0f}%"), acq,
                        or_dash(100.0 * t.mask_precision(), t.maskPixels, "{:.0f}%"),
-                       or_dash(100.0 * t.mask_recall(), t.maskTruth, "{:.0f}%"), t.idSwitches,
+                       or_dash(100.0 * t.mask_recall(), t.maskTruth, "{:.0f}%"),
+                       or_dash(100.0 * t.side_right(), t.sideJoints, "{:.0f}%"),
+                       or_dash(100.0 * t.back_side_right(), t.backJoints, "{:.0f}%"), t.idSwitches,
                        t.falseBodyFrames, or_dash(stats_of(t.floorError).mean, t.floorError.size(), "{:.2f}"),
                        fmt::format("{:.0f}%", 100.0 * t.floor_found()),
                        t.frames == 0 ? 0.0 : 1000.0 * r.trackSeconds / static_cast<double>(t.frames));
@@ -160,6 +165,9 @@ void print_table(std::ostream& out, const std::vector<CaseResult>& results) {
   out << fmt::format("  floor                   found in {:.1f}% of frames; normal error mean {} median {} degrees\n",
                      100.0 * total.floor_found(), or_dash(stats_of(total.floorError).mean, total.floorError.size(), "{:.2f}"),
                      or_dash(stats_of(total.floorError).median, total.floorError.size(), "{:.2f}"));
+  out << fmt::format("  sides                   {} of left and right joints on their own side; {} while the back is turned\n",
+                     or_dash(100.0 * total.side_right(), total.sideJoints, "{:.1f}%"),
+                     or_dash(100.0 * total.back_side_right(), total.backJoints, "{:.1f}%"));
   out << fmt::format("  body parts              {:.1f}% of labelled person pixels right; {:.1f}% of person pixels labelled\n",
                      100.0 * total.part_accuracy(), 100.0 * total.coverage());
   out << fmt::format("  tracker                 {:.2f} ms per frame over {} frames\n",

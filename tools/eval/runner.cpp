@@ -5,6 +5,7 @@
 #include <memory>
 
 #include "renderer.h"
+#include "skeleton/vocabulary.h"
 #include "tracker/body_tracker.h"
 
 namespace quorvik::eval {
@@ -76,6 +77,8 @@ std::vector<EvalCase> full_cases() {
       make_case("walk-in", "walk-in", 1, 320, 300, 101, false),
       make_case("walk-in mirrored", "walk-in", 1, 640, 300, 102, true),
       make_case("walk-out", "walk-out", 1, 320, 240, 103, false),
+      make_case("walk-away", "walk-away", 1, 320, 300, 122, false),
+      make_case("walk-away mirrored", "walk-away", 1, 640, 300, 123, true),
       entering(make_case("turn", "turn", 1, 160, 420, 104, false)),
       entering(make_case("wave mirrored", "wave", 1, 320, 420, 105, true)),
       make_case("wave from frame 0", "wave", 1, 320, 240, 121, false),
@@ -95,6 +98,7 @@ std::vector<EvalCase> full_cases() {
       make_case("crouch at start", "crouch", 1, 160, 300, 135, true),
       make_case("sit at start", "sit", 1, 640, 300, 136, true),
       make_case("turn at start", "turn", 1, 320, 360, 137, true),
+      make_case("turn at start 640", "turn", 1, 640, 360, 138, false),
       make_case("crossing 2", "crossing", 2, 320, 300, 113, false),
       make_case("crossing 3 mirrored", "crossing", 3, 640, 300, 114, true),
       make_case("furniture-moved", "furniture-moved", 1, 320, 360, 115, false),
@@ -143,6 +147,9 @@ skeleton::DecisionForest copy_forest(const skeleton::DecisionForest& forest) {
   for (size_t i = 0; i < forest.tree_count(); ++i) trees.push_back(std::make_unique<skeleton::DecisionTree>(forest.tree(i)));
   return skeleton::DecisionForest(std::move(trees));
 }
+
+// Left and right joints closer than this are not judged for their side.
+constexpr float kSideApartMm = 150.f;
 
 CaseResult Evaluator::run(const EvalCase& c) const {
   using Clock = std::chrono::steady_clock;
@@ -210,6 +217,20 @@ CaseResult Evaluator::run(const EvalCase& c) const {
       }
       acquisition.observe(person.id, index, fullyVisible, anyJoint);
       if (!inView) continue;
+      const auto at = [](const sim::JointTruth& j) { return std::array<float, 3>{j.camera.x, j.camera.y, j.camera.z}; };
+      const bool back = shows_back(at(person.joints[2]), at(person.joints[5]));
+      for (int type = 0; type < kJoints; ++type) {
+        const uint8_t other = skeleton::mirror_joint(static_cast<uint8_t>(type));
+        const skeleton::Joint* joint = reported[static_cast<size_t>(type)];
+        const sim::JointTruth &own = person.joints[static_cast<size_t>(type)], &mirror = person.joints[other];
+        if (other == type || joint == nullptr || joint->status == JointStatus::None || !own.inImage) continue;
+        const std::array<float, 3> p{joint->worldPosition[0], joint->worldPosition[1], joint->worldPosition[2]};
+        // Hands together or knees side by side say nothing about sides.
+        if (joint_error(at(own), at(mirror)).total < kSideApartMm) continue;
+        const bool right = joint_error(p, at(own)).total < joint_error(p, at(mirror)).total;
+        ++t.sideJoints, t.sideRight += right ? 1 : 0;
+        if (back) ++t.backJoints, t.backRight += right ? 1 : 0;
+      }
       for (int type = 0; type < kJoints; ++type) {
         const sim::JointTruth& truth = person.joints[static_cast<size_t>(type)];
         if (!truth.inImage) continue;

@@ -118,7 +118,7 @@ void Furniture::add_parts(float t, std::vector<Primitive>& out) const {
 
 const std::vector<std::string>& scenario_names() {
   static const std::vector<std::string> names = {
-      "walk-in", "walk-out", "turn",      "wave",          "reach",           "point",      "crouch",
+      "walk-in", "walk-out", "walk-away", "turn",     "wave",     "reach",           "point",      "crouch",
       "kick",    "sit",      "arms-crossed", "side-view", "crossing", "furniture-moved", "empty-room", "mixed"};
   return names;
 }
@@ -140,6 +140,7 @@ class Builder {
     const std::string& n = o_.name;
     if (n == "walk-in") walk_in();
     else if (n == "walk-out") walk_out();
+    else if (n == "walk-away") walk_away();
     else if (n == "turn") turn();
     else if (n == "wave") gestures(Activity::Wave);
     else if (n == "reach") gestures(Activity::Reach);
@@ -337,6 +338,25 @@ class Builder {
         exit = stage(d, side * (offscreen(d) + 500.f));
       }
       a.timeline.walk_to(exit.x, exit.z, rng_.uniform(0.8f, 1.25f));
+      a.timeline.wait_until(duration_);
+    }
+  }
+
+  // In from the side, a while facing the camera, then off into the room with the back to it.
+  void walk_away() {
+    const int n = people(1);
+    const auto ds = depths(n, 2000.f, 3200.f, 700.f);
+    for (int i = 0; i < n; ++i) {
+      const float side = rng_.chance(0.5f) ? -1.f : 1.f;
+      const Vec3 start = stage(ds[i], side * (offscreen(ds[i]) + rng_.uniform(0.f, 400.f)));
+      const Vec3 target = stage(ds[i], rng_.uniform(-500.f, 500.f));
+      Actor& a = add_actor(start, std::atan2(target.x - start.x, target.z - start.z));
+      a.timeline.stand(0.3f + i * rng_.uniform(0.5f, 1.5f));
+      a.timeline.walk_to(target.x, target.z, rng_.uniform(0.8f, 1.2f));
+      a.timeline.turn_to(facing_camera(target) + deg(rng_.uniform(-20.f, 20.f)));
+      a.timeline.stand(rng_.uniform(1.f, 2.f));
+      const Vec3 away = stage(std::min(ds[i] + 4000.f, room_.z1 - cam_.position.z - 600.f), rng_.uniform(-900.f, 900.f));
+      a.timeline.walk_to(away.x, away.z, rng_.uniform(0.7f, 1.f));
       a.timeline.wait_until(duration_);
     }
   }
