@@ -54,6 +54,16 @@ constexpr float kFacingSquare = 0.5f;  // radians off square to the camera, at m
 constexpr int kFacingSquareFrames = 10;  // in a row: a walker in profile shows square now and then
 constexpr float kFacingTurn = 0.15f;     // radians a frame, at most
 constexpr float kFacingGain = 0.5f;  // of each reading taken into the followed line
+constexpr float kProfileJump = 0.6f;    // radians of axis between two readings: a profile was passed
+constexpr int kProfileFrames = 2;       // without a clear axis, at least, in a profile
+constexpr float kTurning = 0.01f;       // radians a frame of turn, at least, to go on turning through it
+constexpr double kTurnElongation = 0.8;
+constexpr float kTurnSmoothing = 0.3f;  // of each frame's turn taken into the turning pace
+constexpr float kWalkSmoothing = 0.2f;  // of each frame's torso step taken into the walking pace
+constexpr float kWalkSpeed = 15.f;      // mm a frame, about half a metre a second at 30 frames a second
+constexpr float kWalkLevel = 0.5f;  // of the walking pace, at most, up or down: sitting down is no walk
+constexpr float kFacingTie = 0.6f;  // radians between two readings' distances that leave them a tie
+constexpr float kWalkAlong = 0.7f;      // cosine of the walking direction to the line of sight, at least
 
 // Report order of the joints: the order of a user's joint table and of a body's joints.
 constexpr uint8_t kReportOrder[kJointCount] = {8, 1, 0, 2, 3, 4, 5, 6, 7, 9, 10, 11, 12, 13, 14, 15};
@@ -267,46 +277,102 @@ void BodyTracker::follow_facing(TrackedUser& user) {
   // its sides drift rather than jump. The torso's visible surface, seen from above, lies
   // along the shoulder line whichever way the person faces: its main axis turns with the
   // person, and followed from frame to frame (it is known only up to a half turn) it tells
-  // a back from a front.
+  // a back from a front. People also walk forwards: walking towards or away from the camera
+  // says which half turn it is, and carries the line through a profile, where the visible
+  // surface lies across the view whatever the shoulders do.
   // Spread within each row only: a torso that leans forward, crouching or sitting, also
   // spreads in depth from row to row, which says nothing of where it faces.
-  double n = 0, cxx = 0, czz = 0, cxz = 0;
+  double n = 0, tx = 0, ty = 0, tz = 0, cxx = 0, czz = 0, cxz = 0;
   const uint32_t w = pixelLabels_.width(), h = pixelLabels_.height();
   for (uint32_t y = 0; y < h; ++y) {
     const PixelLabel* p = pixelLabels_.row(y);
     const uint8_t* id = userIdImage_.row(y);
     const WorldPoint* world = worldPoints_.row(y);
-    double rn = 0, sx = 0, sz = 0, sxx = 0, szz = 0, sxz = 0;
+    double rn = 0, sx = 0, sy = 0, sz = 0, sxx = 0, szz = 0, sxz = 0;
     for (uint32_t x = 0; x < w; ++x) {
       if (id[x] != user.id || p[x].probability <= 0.f || world[x].z <= 0.f || !is_torso(p[x].label)) continue;
       const double px = world[x].x, pz = world[x].z;
-      rn += 1, sx += px, sz += pz, sxx += px * px, szz += pz * pz, sxz += px * pz;
+      rn += 1, sx += px, sy += world[x].y, sz += pz, sxx += px * px, szz += pz * pz, sxz += px * pz;
     }
     if (rn < 2) continue;
-    n += rn;
+    n += rn, tx += sx, ty += sy, tz += sz;
     cxx += sxx - sx * sx / rn, czz += szz - sz * sz / rn, cxz += sxz - sx * sz / rn;
   }
+  if (n < kFacingMinPixels) {
+    user.torsoSeen = false;
+    if (std::isnan(user.sideYaw)) user.squareFrames = user.walkFrames = 0;
+    if (user.facingAway) mirror_sides(user);
+    return;
+  }
+  const float x = static_cast<float>(tx / n), y = static_cast<float>(ty / n), z = static_cast<float>(tz / n);
+  if (user.torsoSeen) {
+    user.walkX += kWalkSmoothing * (x - user.torsoX - user.walkX);
+    user.walkY += kWalkSmoothing * (y - user.torsoY - user.walkY);
+    user.walkZ += kWalkSmoothing * (z - user.torsoZ - user.walkZ);
+  } else {
+    user.walkX = user.walkY = user.walkZ = 0;
+  }
+  user.torsoSeen = true, user.torsoX = x, user.torsoY = y, user.torsoZ = z;
+  // Facing the way they walk, in the same angle as the shoulder line: 0 walking at the
+  // camera, pi walking away. Only walking clearly towards or away counts: people step
+  // sideways without turning, and sitting down or standing up moves the torso too.
+  const float walkSpeed = std::hypot(user.walkX, user.walkZ);
+  const float walking = std::atan2(user.walkX, -user.walkZ);
+  const bool walksAlong = walkSpeed >= kWalkSpeed && std::abs(std::cos(walking)) >= kWalkAlong &&
+                          std::abs(user.walkY) < kWalkLevel * walkSpeed;
+
   // Only a clearly elongated spread has a direction.
   const double spread = std::sqrt((cxx - czz) * (cxx - czz) + 4 * cxz * cxz), total = cxx + czz;
-  if (n >= kFacingMinPixels && spread >= kFacingElongation * total) {
-    const float axis = static_cast<float>(0.5 * std::atan2(2 * cxz, cxx - czz));  // -pi/2 .. pi/2
-    if (std::isnan(user.sideYaw)) {
-      // Followed once the torso has been square to the camera for a while, taken then to
-      // face it, as the forest assumes. In a profile, as when walking in from the side,
-      // front and back are a coin toss.
-      user.squareFrames = std::abs(axis) < kFacingSquare ? user.squareFrames + 1 : 0;
-      if (user.squareFrames >= kFacingSquareFrames) user.sideYaw = axis;
+  const bool axisSeen = spread >= kFacingElongation * total;
+  const float axis = static_cast<float>(0.5 * std::atan2(2 * cxz, cxx - czz));  // -pi/2 .. pi/2
+  if (std::isnan(user.sideYaw)) {
+    // Followed once the torso has been square to the camera for a while, taken then to face
+    // it, as the forest assumes, or once the person has walked towards or away from the
+    // camera for a while. In a profile front and back are a coin toss.
+    user.squareFrames = axisSeen && std::abs(axis) < kFacingSquare ? user.squareFrames + 1 : 0;
+    user.walkFrames = walksAlong ? user.walkFrames + 1 : 0;
+    if (user.walkFrames >= kFacingSquareFrames)
+      user.sideYaw = axisSeen ? wrap_angle(walking + wrap_half_turn(axis - walking)) : walking;
+    else if (user.squareFrames >= kFacingSquareFrames)
+      user.sideYaw = axis;
+  } else if (walksAlong || axisSeen) {
+    const float before = user.sideYaw;
+    // Turning through a profile, the torso shows no clear axis for a few frames, after which
+    // the axis has swung from one side of the view to the other while the person keeps
+    // turning the same way: the reading that continues the turn is the one, taken at once.
+    const float jump = std::isnan(user.lastAxis) ? 0.f : wrap_half_turn(axis - user.lastAxis);
+    if (axisSeen && !walksAlong && user.axisLost >= kProfileFrames && std::abs(jump) > kProfileJump &&
+        std::abs(user.turnRate) > kTurning) {
+      float ahead = wrap_angle(axis - user.sideYaw);
+      if ((ahead > 0) != (user.turnRate > 0)) ahead += ahead > 0 ? -kPi : kPi;
+      user.sideYaw = wrap_angle(user.sideYaw + ahead);
     } else {
-      // The reading nearest the followed angle, of axis + k pi, no faster than a person
-      // turns.
-      const float step = std::clamp(kFacingGain * wrap_half_turn(axis - user.sideYaw), -kFacingTurn, kFacingTurn);
+      // The reading: the axis + k pi nearest the walking direction, or nearest the followed
+      // angle when standing; taken in no faster than a person turns.
+      const float guide = walksAlong ? walking : user.sideYaw;
+      float reading = axisSeen ? wrap_angle(guide + wrap_half_turn(axis - guide)) : walking;
+      // Halfway between the two, as after a pause in a profile, a person more likely turns
+      // back to the camera than away from it.
+      const float other = wrap_angle(reading + kPi);
+      if (axisSeen && !walksAlong && std::abs(other) < std::abs(reading) &&
+          std::abs(wrap_angle(other - guide)) - std::abs(wrap_angle(reading - guide)) < kFacingTie)
+        reading = other;
+      const float step = std::clamp(kFacingGain * wrap_angle(reading - user.sideYaw), -kFacingTurn, kFacingTurn);
       user.sideYaw = wrap_angle(user.sideYaw + step);
     }
-  } else if (std::isnan(user.sideYaw)) {
-    user.squareFrames = 0;
+    // Near a profile the axis is drawn back towards the view's breadth: only a clearly
+    // elongated torso tells how fast the person turns.
+    if (spread >= kTurnElongation * total)
+      user.turnRate += kTurnSmoothing * (wrap_angle(user.sideYaw - before) - user.turnRate);
   }
+  if (axisSeen) user.lastAxis = axis;
+  user.axisLost = axisSeen ? 0 : user.axisLost + 1;
   if (!std::isnan(user.sideYaw)) user.facingAway = std::abs(user.sideYaw) > kPi / 2;
-  if (!user.facingAway) return;
+  if (user.facingAway) mirror_sides(user);
+}
+
+void BodyTracker::mirror_sides(const TrackedUser& user) {
+  const uint32_t w = pixelLabels_.width(), h = pixelLabels_.height();
   for (uint32_t y = 0; y < h; ++y) {
     PixelLabel* p = pixelLabels_.row(y);
     const uint8_t* id = userIdImage_.row(y);

@@ -38,6 +38,13 @@ struct TrackedUser : SegmentedUser {
   float sideYaw = std::numeric_limits<float>::quiet_NaN();
   bool facingAway = false;
   int squareFrames = 0;  // in a row, before the line is followed
+  float lastAxis = std::numeric_limits<float>::quiet_NaN();  // the torso axis last seen (radians)
+  float turnRate = 0;  // radians a frame, smoothed
+  int axisLost = 0;    // frames since the torso last showed a clear axis
+  int walkFrames = 0;    // in a row walking towards or away from the camera, before the line is followed
+  // Torso centre (mm, camera frame) and its smoothed step per frame.
+  bool torsoSeen = false;
+  float torsoX = 0, torsoY = 0, torsoZ = 0, walkX = 0, walkY = 0, walkZ = 0;
 };
 
 class BodyTracker {
@@ -75,6 +82,7 @@ class BodyTracker {
   // Follows which way the user faces and, while they face away, gives the body-part labels
   // of their pixels the sides they really have.
   void follow_facing(TrackedUser& user);
+  void mirror_sides(const TrackedUser& user);
 
   uint32_t blockWidth_;
   uint32_t blockHeight_;
