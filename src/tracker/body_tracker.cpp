@@ -56,13 +56,9 @@ constexpr float kFacingTurn = 0.15f;     // radians a frame, at most
 constexpr float kFacingGain = 0.5f;  // of each reading taken into the followed line
 constexpr float kProfileJump = 0.6f;    // radians of axis between two readings: a profile was passed
 constexpr int kProfileFrames = 2;       // without a clear axis, at least, in a profile
-constexpr float kTurning = 0.01f;       // radians a frame of turn, at least, to go on turning through it
-constexpr double kTurnElongation = 0.8;
-constexpr float kTurnSmoothing = 0.3f;  // of each frame's turn taken into the turning pace
 constexpr float kWalkSmoothing = 0.2f;  // of each frame's torso step taken into the walking pace
 constexpr float kWalkSpeed = 15.f;      // mm a frame, about half a metre a second at 30 frames a second
 constexpr float kWalkLevel = 0.5f;  // of the walking pace, at most, up or down: sitting down is no walk
-constexpr float kFacingTie = 0.6f;  // radians between two readings' distances that leave them a tie
 constexpr float kWalkAlong = 0.7f;      // cosine of the walking direction to the line of sight, at least
 
 // Report order of the joints: the order of a user's joint table and of a body's joints.
@@ -336,34 +332,26 @@ void BodyTracker::follow_facing(TrackedUser& user) {
     else if (user.squareFrames >= kFacingSquareFrames)
       user.sideYaw = axis;
   } else if (walksAlong || axisSeen) {
-    const float before = user.sideYaw;
-    // Turning through a profile, the torso shows no clear axis for a few frames, after which
-    // the axis has swung from one side of the view to the other while the person keeps
-    // turning the same way: the reading that continues the turn is the one, taken at once.
-    const float jump = std::isnan(user.lastAxis) ? 0.f : wrap_half_turn(axis - user.lastAxis);
-    if (axisSeen && !walksAlong && user.axisLost >= kProfileFrames && std::abs(jump) > kProfileJump &&
-        std::abs(user.turnRate) > kTurning) {
-      float ahead = wrap_angle(axis - user.sideYaw);
-      if ((ahead > 0) != (user.turnRate > 0)) ahead += ahead > 0 ? -kPi : kPi;
-      user.sideYaw = wrap_angle(user.sideYaw + ahead);
+    // The torso loses its clear axis only near a profile, where its visible surface lies
+    // across the view whatever the shoulders do; passing front-on or back-on it keeps it.
+    // So when the axis comes back after a while on the other side of the view, the person
+    // has turned through that profile, from front to back or back to front: the reading
+    // is the one on the far side of the profile they were near.
+    const bool crossed = axisSeen && !walksAlong && user.axisLost >= kProfileFrames && !std::isnan(user.lastAxis) &&
+                         (axis > 0) != (user.lastAxis > 0) &&
+                         std::abs(wrap_half_turn(axis - user.lastAxis)) > kProfileJump;
+    if (crossed) {
+      const float profile = std::sin(user.sideYaw) >= 0 ? kPi / 2 : -kPi / 2;
+      const bool beyond = wrap_angle(user.sideYaw - profile) > 0;
+      user.sideYaw = (wrap_angle(axis - profile) > 0) != beyond ? axis : wrap_angle(axis + kPi);
     } else {
       // The reading: the axis + k pi nearest the walking direction, or nearest the followed
       // angle when standing; taken in no faster than a person turns.
       const float guide = walksAlong ? walking : user.sideYaw;
-      float reading = axisSeen ? wrap_angle(guide + wrap_half_turn(axis - guide)) : walking;
-      // Halfway between the two, as after a pause in a profile, a person more likely turns
-      // back to the camera than away from it.
-      const float other = wrap_angle(reading + kPi);
-      if (axisSeen && !walksAlong && std::abs(other) < std::abs(reading) &&
-          std::abs(wrap_angle(other - guide)) - std::abs(wrap_angle(reading - guide)) < kFacingTie)
-        reading = other;
+      const float reading = axisSeen ? wrap_angle(guide + wrap_half_turn(axis - guide)) : walking;
       const float step = std::clamp(kFacingGain * wrap_angle(reading - user.sideYaw), -kFacingTurn, kFacingTurn);
       user.sideYaw = wrap_angle(user.sideYaw + step);
     }
-    // Near a profile the axis is drawn back towards the view's breadth: only a clearly
-    // elongated torso tells how fast the person turns.
-    if (spread >= kTurnElongation * total)
-      user.turnRate += kTurnSmoothing * (wrap_angle(user.sideYaw - before) - user.turnRate);
   }
   if (axisSeen) user.lastAxis = axis;
   user.axisLost = axisSeen ? 0 : user.axisLost + 1;

@@ -39,7 +39,6 @@ struct TrackedUser : SegmentedUser {
   bool facingAway = false;
   int squareFrames = 0;  // in a row, before the line is followed
   float lastAxis = std::numeric_limits<float>::quiet_NaN();  // the torso axis last seen (radians)
-  float turnRate = 0;  // radians a frame, smoothed
   int axisLost = 0;    // frames since the torso last showed a clear axis
   int walkFrames = 0;    // in a row walking towards or away from the camera, before the line is followed
   // Torso centre (mm, camera frame) and its smoothed step per frame.
