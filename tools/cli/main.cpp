@@ -13,6 +13,8 @@ int main(int argc, char** argv) {
   quorvik::cli::add_track_command(app);
   quorvik::cli::add_render_command(app);
   quorvik::cli::add_info_command(app);
+  quorvik::cli::add_live_command(app);
+  quorvik::cli::add_view_command(app);
   add_eval_command(app, quorvik::cli::find_data_file);
   add_bench_command(app, quorvik::cli::find_data_file);
   return quorvik::cli::run(app, argc, argv);
