@@ -61,11 +61,6 @@ class Session {
                  source.description().c_str(), source.size().width, source.size().height, camera.fps,
                  mirrored_ ? "mirrored" : "not mirrored", camera.describe().c_str());
     tracker_ = std::make_unique<Tracker>(find_data_file(o.data), mirrored_, &camera.options);
-    // The first update waits for the data file; done here, on an empty frame, it costs no
-    // camera frames. The reset then lets the first real frame start tracking afresh.
-    const std::vector<uint16_t> empty(size_t{source.size().width} * source.size().height, 0);
-    tracker_->update(empty.data(), source.size().width, source.size().height, 0, false);
-    tracker_->reset();
     console_ = program_stdout();
     out_ = console_;
     if (!o.out.empty()) {
@@ -219,7 +214,11 @@ class LatestFrame {
  public:
   explicit LatestFrame(FrameSource& source) : source_(source), thread_([this] { run(); }) {}
   ~LatestFrame() {
-    stop_ = true;
+    {
+      std::lock_guard lock(mutex_);
+      stop_ = true;
+      cv_.notify_all();
+    }
     thread_.join();
   }
   LatestFrame(const LatestFrame&) = delete;
@@ -246,6 +245,13 @@ class LatestFrame {
     std::lock_guard lock(mutex_);
     return ended_ && !fresh_;
   }
+  // Lets the source go on after its first frame. The first update waits for the data file
+  // to load; a recording held back meanwhile loses no frames to that.
+  void release() {
+    std::lock_guard lock(mutex_);
+    released_ = true;
+    cv_.notify_all();
+  }
   int delivered() {
     std::lock_guard lock(mutex_);
     return delivered_;
@@ -256,14 +262,15 @@ class LatestFrame {
     try {
       SourceFrame f;
       while (!stop_ && source_.next(f)) {
-        std::lock_guard lock(mutex_);
+        std::unique_lock lock(mutex_);
         if (fresh_) ++skipped_;
         latest_.depth.swap(f.depth);
         latest_.number = f.number;
         latest_.seconds = f.seconds;
         fresh_ = true;
         ++delivered_;
-        cv_.notify_one();
+        cv_.notify_all();
+        if (delivered_ == 1) cv_.wait(lock, [this] { return released_ || stop_; });
       }
     } catch (...) {
       std::lock_guard lock(mutex_);
@@ -278,7 +285,7 @@ class LatestFrame {
   std::mutex mutex_;
   std::condition_variable cv_;
   SourceFrame latest_;
-  bool fresh_ = false, ended_ = false;
+  bool fresh_ = false, ended_ = false, released_ = false;
   int skipped_ = 0, delivered_ = 0;
   std::exception_ptr failure_;
   std::atomic<bool> stop_{false};
@@ -314,11 +321,9 @@ void live(const SessionOptions& o) {
         }
         continue;
       }
-      if (session.paused()) {
-        session.dropped(1);
-        continue;
-      }
-      session.track(frame);
+      if (session.paused()) session.dropped(1);
+      else session.track(frame);
+      latest.release();
     }
     why = fmt::format("{} frames read; {}", latest.delivered(), why);
   }

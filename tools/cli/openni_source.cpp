@@ -244,7 +244,8 @@ class OpenNiSource : public FrameSource {
     if (isFile_) {
       openni::PlaybackControl* playback = stream_.device().getPlaybackControl();
       playback->setRepeatEnabled(false);
-      playback->setSpeed(1.0f);
+      // Frame by frame until the first one has been read, then at the recorded rate.
+      playback->setSpeed(-1.0f);
       frames_ = playback->getNumberOfFrames(stream_.stream());
     }
   }
@@ -256,6 +257,9 @@ class OpenNiSource : public FrameSource {
     if (!started_) {
       stream_.start();
       started_ = true;
+    } else if (isFile_ && !playing_) {
+      stream_.device().getPlaybackControl()->setSpeed(1.0f);
+      playing_ = true;
     }
     int index = 0;
     if (!stream_.read(isFile_ ? kFileSilenceMs : kDeviceSilenceMs, frame.depth, index, frame.seconds) || watch_->gone()) {
@@ -277,7 +281,7 @@ class OpenNiSource : public FrameSource {
   bool isFile_ = false;
   int frames_ = 0;
   int first_ = -1;
-  bool started_ = false, ended_ = false;
+  bool started_ = false, playing_ = false, ended_ = false;
 };
 
 // A recording read frame by frame when asked: nothing is skipped however slow the reader.
