@@ -287,33 +287,25 @@ class OpenNiSource : public FrameSource {
 // A recording read frame by frame when asked: nothing is skipped however slow the reader.
 class OniRecording : public DepthInput {
  public:
-  explicit OniRecording(const std::string& path)
-      : path_(path), runtime_(std::make_unique<OpenNiRuntime>()), stream_(std::make_unique<DepthStream>(path)) {
-    openni::PlaybackControl* playback = stream_->device().getPlaybackControl();
-    if (playback == nullptr) throw CliError(kExitInput, path + " is not a recording OpenNI2 can play");
-    playback->setRepeatEnabled(false);
-    playback->setSpeed(-1.0f);
-    count_ = playback->getNumberOfFrames(stream_->stream());
+  explicit OniRecording(const std::string& path) : path_(path), runtime_(std::make_unique<OpenNiRuntime>()) {
+    open();
+    count_ = stream_->device().getPlaybackControl()->getNumberOfFrames(stream_->stream());
     if (count_ <= 0) throw CliError(kExitInput, path + " holds no depth frames");
     size_ = stream_->size();
     mirrored_ = stream_->camera().mirrored;
     options_ = stream_->camera().options;
-    stream_->start();
   }
 
   std::vector<uint16_t> read(int index) const override {
-    if (index < next_) {
-      if (stream_->device().getPlaybackControl()->seek(stream_->stream(), firstIndex_ + index) != openni::STATUS_OK)
-        throw CliError(kExitInput, "cannot go back to " + describe(index) + ": " + openni_error());
-      next_ = index;
-    }
+    // Going back opens the file again: the file driver's own seek crashes in the mode
+    // that reads frame by frame.
+    if (index < next_) open();
     std::vector<uint16_t> depth;
     for (; next_ <= index; ++next_) {
       int frameIndex = 0;
       double seconds = 0;
       if (!stream_->read(kFileSilenceMs, depth, frameIndex, seconds))
         throw CliError(kExitInput, "cannot read " + describe(next_) + ": " + openni_error());
-      if (next_ == 0) firstIndex_ = frameIndex;
     }
     return depth;
   }
@@ -321,11 +313,21 @@ class OniRecording : public DepthInput {
   std::string describe(int index) const override { return path_ + " frame " + std::to_string(index); }
 
  private:
+  void open() const {
+    stream_.reset();
+    stream_ = std::make_unique<DepthStream>(path_);
+    openni::PlaybackControl* playback = stream_->device().getPlaybackControl();
+    if (playback == nullptr) throw CliError(kExitInput, path_ + " is not a recording OpenNI2 can play");
+    playback->setRepeatEnabled(false);
+    playback->setSpeed(-1.0f);
+    stream_->start();
+    next_ = 0;
+  }
+
   std::string path_;
   std::unique_ptr<OpenNiRuntime> runtime_;
-  std::unique_ptr<DepthStream> stream_;
+  mutable std::unique_ptr<DepthStream> stream_;
   mutable int next_ = 0;
-  mutable int firstIndex_ = 1;
 };
 
 }  // namespace
