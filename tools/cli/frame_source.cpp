@@ -1,10 +1,8 @@
 #include "frame_source.h"
 
 #include <algorithm>
-#include <chrono>
 #include <filesystem>
 #include <fstream>
-#include <thread>
 
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
@@ -43,11 +41,11 @@ nlohmann::ordered_json options_to_json(qbt_bodytracker_options_t o) {
   return j;
 }
 
-// Plays a recording through the FrameSource interface, optionally at its frame rate.
+// A recording through the FrameSource interface, as fast as it is asked for.
 class RecordingSource : public FrameSource {
  public:
-  RecordingSource(std::unique_ptr<DepthInput> input, bool paced) : input_(std::move(input)), paced_(paced) {
-    description_ = input_->describe(0);
+  RecordingSource(std::unique_ptr<DepthInput> input, const std::string& name) : input_(std::move(input)) {
+    description_ = name;
     size_ = input_->size();
     camera_.mirrored = input_->mirrored();
     if (input_->camera_options()) camera_.options = *input_->camera_options();
@@ -55,11 +53,6 @@ class RecordingSource : public FrameSource {
 
   bool next(SourceFrame& frame) override {
     if (index_ >= input_->frame_count()) return false;
-    if (paced_) {
-      const auto due = start_ + std::chrono::duration<double>(index_ / camera_.fps);
-      if (index_ == 0) start_ = std::chrono::steady_clock::now();
-      else std::this_thread::sleep_until(due);
-    }
     frame.depth = input_->read(index_);
     frame.number = index_;
     frame.seconds = index_ / camera_.fps;
@@ -69,9 +62,7 @@ class RecordingSource : public FrameSource {
 
  private:
   std::unique_ptr<DepthInput> input_;
-  bool paced_;
   int index_ = 0;
-  std::chrono::steady_clock::time_point start_;
 };
 
 }  // namespace
@@ -134,8 +125,8 @@ std::vector<std::string> built_sources() {
   return s;
 }
 
-std::unique_ptr<FrameSource> open_recording_source(std::unique_ptr<DepthInput> input, bool paced) {
-  return std::make_unique<RecordingSource>(std::move(input), paced);
+std::unique_ptr<FrameSource> open_recording_source(std::unique_ptr<DepthInput> input, const std::string& name) {
+  return std::make_unique<RecordingSource>(std::move(input), name);
 }
 
 std::unique_ptr<FrameSource> open_camera_source(const std::string& spec) {

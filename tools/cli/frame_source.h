@@ -56,9 +56,8 @@ class FrameSource {
 // The sources this build has, for messages: "PNG folders, raw .u16 files, OpenNI2 ...".
 std::vector<std::string> built_sources();
 
-// A recording, frames on demand and at its own pace (`paced`: frames come no faster than
-// the recording's frame rate, as from a camera).
-std::unique_ptr<FrameSource> open_recording_source(std::unique_ptr<DepthInput> input, bool paced);
+// A recording, frame after frame as fast as they are asked for; `name` is its description.
+std::unique_ptr<FrameSource> open_recording_source(std::unique_ptr<DepthInput> input, const std::string& name);
 
 // `spec` is "openni2", "freenect", a .oni file, or empty for the first camera found.
 // Throws CliError: usage for a source this build lacks, kExitNoDevice when no camera

@@ -127,7 +127,7 @@ class Session {
       switch (k) {
         case WindowKey::kPause:
           paused_ = !paused_;
-          std::fprintf(stderr, "qbt: %s at frame %d\n", paused_ ? "paused" : "playing", tracked_ - 1);
+          std::fprintf(stderr, "qbt: %s at frame %d\n", paused_ ? "paused" : "playing", firstIndex_ + tracked_ - 1);
           redraw();
           break;
         case WindowKey::kMirror:
@@ -137,7 +137,7 @@ class Session {
           break;
         case WindowKey::kReset:
           tracker_->reset();
-          std::fprintf(stderr, "qbt: tracker reset at frame %d\n", tracked_ - 1);
+          std::fprintf(stderr, "qbt: tracker reset at frame %d\n", firstIndex_ + tracked_ - 1);
           break;
         case WindowKey::kSnapshot: snapshot(); break;
         case WindowKey::kQuit: quit_ = true; break;
@@ -177,7 +177,8 @@ class Session {
     const auto now = std::chrono::steady_clock::now();
     if (!last && std::chrono::duration<double>(now - lastStatus_).count() < (terminal_ ? 0.2 : 1.0)) return;
     lastStatus_ = now;
-    const std::string text = fmt::format("frame {}  {:.1f} fps  tracker {:.1f} ms  {} bodies  {} dropped", tracked_ - 1,
+    const std::string text = fmt::format("frame {}  {:.1f} fps  tracker {:.1f} ms  {} bodies  {} dropped",
+                                         firstIndex_ + tracked_ - 1,
                                          fps_, trackerMs_, bodies_, dropped_);
     if (terminal_) std::fprintf(stderr, "\r%-70s%s", text.c_str(), last ? "\n" : "");
     else std::fprintf(stderr, "qbt: %s\n", text.c_str());
@@ -186,7 +187,7 @@ class Session {
   void snapshot() {
     if (picture_.pixels.empty()) return;
     const std::string path =
-        (std::filesystem::path(o_.snapshots) / fmt::format("qbt-snapshot-{:06d}.png", tracked_ - 1)).string();
+        (std::filesystem::path(o_.snapshots) / fmt::format("qbt-snapshot-{:06d}.png", firstIndex_ + tracked_ - 1)).string();
     write_rgb_png(path, window_picture(picture_, viewMirrored_, fps_, trackerMs_));
     std::fprintf(stderr, "qbt: snapshot %s\n", path.c_str());
   }
@@ -336,7 +337,7 @@ void view(const SessionOptions& o) {
   const int count = input->frame_count();
   if (o.first < 0 || o.first >= count)
     throw CliError(kExitUsage, fmt::format("--first {} asked for, but {} holds frames 0 to {}", o.first, o.source, count - 1));
-  std::unique_ptr<FrameSource> source = open_recording_source(std::move(input), false);
+  std::unique_ptr<FrameSource> source = open_recording_source(std::move(input), o.source);
   Session session(o, *source, true);
   if (!session.has_window() && !o.noWindow)
     throw CliError(kExitUsage, "qbt view needs a window; use `qbt track` to track a recording without one");
