@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <string>
 
 #include "overlay.h"
 
@@ -14,6 +15,25 @@ namespace quorvik::cli {
 namespace {
 
 constexpr int kBarHeight = 16;
+
+// The units after the numbers, in the 3x5 block style of draw_number.
+void draw_unit(RgbImage& image, int x, int y, const char* text, const uint8_t rgb[3], int scale) {
+  for (int k = 0; text[k] != '\0'; ++k) {
+    const uint16_t bits = text[k] == 'f' ? 0x39A4 : text[k] == 'p' ? 0x6BA4 : text[k] == 's' ? 0x388E : 0x5F6D;
+    for (int row = 0; row < 5; ++row)
+      for (int col = 0; col < 3; ++col) {
+        if (!((bits >> (14 - row * 3 - col)) & 1)) continue;
+        for (int sy = 0; sy < scale; ++sy)
+          for (int sx = 0; sx < scale; ++sx) {
+            const int px = x + (k * 4 + col) * scale + sx, py = y + row * scale + sy;
+            if (px >= 0 && py >= 0 && px < static_cast<int>(image.width) && py < static_cast<int>(image.height))
+              std::copy_n(rgb, 3, image.at(static_cast<uint32_t>(px), static_cast<uint32_t>(py)));
+          }
+      }
+  }
+}
+
+int digits(long n) { return static_cast<int>(std::to_string(n).size()); }
 
 }  // namespace
 
@@ -31,8 +51,12 @@ RgbImage window_picture(const RgbImage& picture, bool mirrored, double fps, doub
   std::fill(out.pixels.begin() + static_cast<std::ptrdiff_t>(size_t{w} * h * 3), out.pixels.end(), uint8_t{24});
   // Frames per second on the left, the tracker's milliseconds per frame on the right.
   static constexpr uint8_t kFps[3] = {255, 255, 255}, kMs[3] = {255, 225, 40};
-  draw_number(out, 4, static_cast<int>(h) + 3, static_cast<int>(std::lround(fps)), kFps, 2);
-  draw_number(out, static_cast<int>(w) / 2, static_cast<int>(h) + 3, static_cast<int>(std::lround(trackerMs)), kMs, 2);
+  const int y = static_cast<int>(h) + 3, half = static_cast<int>(w) / 2;
+  const long f = std::lround(fps), ms = std::lround(trackerMs);
+  draw_number(out, 4, y, static_cast<int>(f), kFps, 2);
+  draw_unit(out, 4 + (digits(f) * 4 + 2) * 2, y, "fps", kFps, 2);
+  draw_number(out, half, y, static_cast<int>(ms), kMs, 2);
+  draw_unit(out, half + (digits(ms) * 4 + 2) * 2, y, "ms", kMs, 2);
   return out;
 }
 
