@@ -178,7 +178,11 @@ TEST(LiveWindow, ViewShowsTheSkeletonsUnderXvfbAndAnswersItsKeys) {
   ASSERT_GT(highJoints, 3) << "the box forest finds the waving person by then";
 
   const std::string err = dir / "view.err";
-  const pid_t view = spawn("DISPLAY=" + x.name() + " exec '" + QBT_CLI_EXE + "' view " + dir / "sim" + " --paused --first " +
+  // SDL unloads the X libraries it opened when the window closes, and what they and the
+  // session bus library keep is then reported as leaked with no library to name; the
+  // same code paths without a window are leak-checked by the other tests.
+  const pid_t view = spawn("DISPLAY=" + x.name() + " ASAN_OPTIONS=\"$ASAN_OPTIONS:detect_leaks=0\" exec '" + QBT_CLI_EXE +
+                           "' view " + dir / "sim" + " --paused --first " +
                            std::to_string(kFirst) + " --data " + dir / "box.data" + " --snapshots " + dir.path().string() +
                            " --out " + dir / "view.jsonl" + " >/dev/null 2>" + err);
   // Whatever fails below, the viewer does not outlive the test.
@@ -200,6 +204,9 @@ TEST(LiveWindow, ViewShowsTheSkeletonsUnderXvfbAndAnswersItsKeys) {
   auto title = [&] { return command_output(xdo + "getwindowname " + window); };
   auto key = [&](const std::string& k) { std::system((xdo + "windowfocus --sync " + window + " key " + k).c_str()); };
 
+  // Keys sent before the first picture is up may reach a window not yet mapped.
+  const std::string first = "frame " + std::to_string(kFirst) + " (paused)";
+  ASSERT_TRUE(wait_until([&] { return title().find(first) != std::string::npos; }, 30)) << title() << slurp(err);
   for (int i = 0; i < kSteps; ++i) key("period");
   const std::string wanted = "frame " + std::to_string(kFirst + kSteps) + " (paused)";
   ASSERT_TRUE(wait_until([&] { return title().find(wanted) != std::string::npos; }, 30)) << title() << slurp(err);

@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
+#include <cstring>
 
 #include <fmt/format.h>
 
@@ -113,11 +114,11 @@ class FreenectSource : public FrameSource {
  private:
   static void on_depth(freenect_device* device, void* data, uint32_t /*timestamp*/) {
     auto* self = static_cast<FreenectSource*>(freenect_get_user(device));
-    const auto* shifts = static_cast<const uint16_t*>(data);
     self->latest_.resize(size_t{kWidth} * kHeight);
+    // The playback library hands out its buffer just past a text header, at any alignment.
+    std::memcpy(self->latest_.data(), data, self->latest_.size() * sizeof(uint16_t));
     const std::vector<uint16_t>& table = self->tables_.shiftToDepth;
-    for (size_t i = 0; i < self->latest_.size(); ++i)
-      self->latest_[i] = shifts[i] < table.size() ? table[shifts[i]] : uint16_t{0};
+    for (uint16_t& v : self->latest_) v = v < table.size() ? table[v] : uint16_t{0};
     self->latestTime_ = std::chrono::steady_clock::now();
     self->fresh_ = true;
     ++self->count_;

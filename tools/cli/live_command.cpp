@@ -351,10 +351,10 @@ void view(const SessionOptions& o) {
   auto previous = std::signal(SIGINT, on_interrupt);
   std::string why = "the recording ended";
   auto due = std::chrono::steady_clock::now();
-  bool step = true;  // the first frame is shown even when starting paused
+  int steps = 1;  // frames to show while paused; the first is shown even when starting paused
   while (true) {
     for (WindowKey k : session.keys()) {
-      if (k == WindowKey::kStep) step = true;
+      if (k == WindowKey::kStep) ++steps;
       if (k == WindowKey::kFaster) speed = std::min(speed * 2, 16.0);
       if (k == WindowKey::kSlower) speed = std::max(speed / 2, 1.0 / 16);
       if (k == WindowKey::kFaster || k == WindowKey::kSlower) {
@@ -367,11 +367,11 @@ void view(const SessionOptions& o) {
       break;
     }
     const auto now = std::chrono::steady_clock::now();
-    if ((session.paused() && !step) || (!session.paused() && now < due)) {
+    if ((session.paused() && steps == 0) || (!session.paused() && now < due)) {
       std::this_thread::sleep_for(std::chrono::milliseconds(5));
       continue;
     }
-    step = false;
+    steps = std::max(0, steps - 1);
     if (!source->next(frame)) break;
     session.track(frame);
     due = std::max(due, now - std::chrono::milliseconds(100)) +
