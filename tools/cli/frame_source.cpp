@@ -129,33 +129,33 @@ std::unique_ptr<FrameSource> open_recording_source(std::unique_ptr<DepthInput> i
   return std::make_unique<RecordingSource>(std::move(input), name);
 }
 
-std::unique_ptr<FrameSource> open_camera_source(const std::string& spec) {
+std::unique_ptr<FrameSource> open_camera_source(const std::string& choice) {
   std::string sources;
   for (const std::string& s : built_sources()) sources += (sources.empty() ? "" : ", ") + s;
-  const bool any = spec.empty();
-  if (!any && spec != "openni2" && spec != "freenect") {
-    if (!is_oni_file(spec))
-      throw CliError(kExitUsage, "--source wants openni2, freenect or an .oni file, not '" + spec + "'");
-    if (!fs::exists(spec)) throw CliError(kExitInput, "no such file: " + spec);
+  const bool any = choice.empty();
+  if (!any && choice != "openni2" && choice != "freenect") {
+    if (!is_oni_file(choice))
+      throw CliError(kExitUsage, "--source wants openni2, freenect or an .oni file, not '" + choice + "'");
+    if (!fs::exists(choice)) throw CliError(kExitInput, "no such file: " + choice);
   }
   std::vector<std::string> found;
 #ifdef QBT_CLI_WITH_OPENNI2
-  if (any || spec == "openni2" || is_oni_file(spec)) {
+  if (any || choice == "openni2" || is_oni_file(choice)) {
     std::string why;
-    if (std::unique_ptr<FrameSource> s = open_openni2_source(spec == "openni2" || any ? "" : spec, why)) return s;
+    if (std::unique_ptr<FrameSource> s = open_openni2_source(choice == "openni2" || any ? "" : choice, why)) return s;
     found.push_back("OpenNI2: " + why);
   }
 #endif
 #ifdef QBT_CLI_WITH_FREENECT
-  if (any || spec == "freenect") {
+  if (any || choice == "freenect") {
     std::string why;
     if (std::unique_ptr<FrameSource> s = open_freenect_source(why)) return s;
     found.push_back("libfreenect: " + why);
   }
 #endif
   if (!any && found.empty()) {
-    const std::string package = spec == "freenect" ? "libfreenect-dev" : "libopenni2-dev";
-    throw CliError(kExitUsage, "this qbt was built without " + std::string(spec == "freenect" ? "libfreenect" : "OpenNI2") +
+    const std::string package = choice == "freenect" ? "libfreenect-dev" : "libopenni2-dev";
+    throw CliError(kExitUsage, "this qbt was built without " + std::string(choice == "freenect" ? "libfreenect" : "OpenNI2") +
                                    " (sources built: " + sources + "); install " + package + " and build again");
   }
   std::string message = "no depth camera found (sources built: " + sources + ")";

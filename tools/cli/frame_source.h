@@ -59,10 +59,10 @@ std::vector<std::string> built_sources();
 // A recording, frame after frame as fast as they are asked for; `name` is its description.
 std::unique_ptr<FrameSource> open_recording_source(std::unique_ptr<DepthInput> input, const std::string& name);
 
-// `spec` is "openni2", "freenect", a .oni file, or empty for the first camera found.
+// `choice` is "openni2", "freenect", a .oni file, or empty for the first camera found.
 // Throws CliError: usage for a source this build lacks, kExitNoDevice when no camera
 // answers (the message lists the sources built and what each found).
-std::unique_ptr<FrameSource> open_camera_source(const std::string& spec);
+std::unique_ptr<FrameSource> open_camera_source(const std::string& choice);
 
 bool is_oni_file(const std::string& path);
 

@@ -74,7 +74,6 @@ class Session {
       if (!window_) std::fprintf(stderr, "qbt: no live window: %s; going on without one\n", why.c_str());
     }
     terminal_ = ::isatty(STDERR_FILENO) != 0;
-    started_ = std::chrono::steady_clock::now();
   }
 
   ~Session() {
@@ -206,7 +205,7 @@ class Session {
   int tracked_ = 0, dropped_ = 0, bodies_ = 0, firstIndex_ = 0;
   double fps_ = 0, trackerMs_ = 0, speed_ = 1.0;
   int rateFrames_ = 0;
-  std::chrono::steady_clock::time_point started_, rateFrom_, lastStatus_;
+  std::chrono::steady_clock::time_point rateFrom_, lastStatus_;
 };
 
 // The camera's frames reach the tracker through a slot that holds only the newest one: a
