@@ -5,7 +5,8 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 packages=(cmake g++ make pkg-config libspdlog-dev libfmt-dev libeigen3-dev libgtest-dev libgmock-dev
           libbenchmark-dev libpng-dev nlohmann-json3-dev libcli11-dev
-          python3-dev pybind11-dev python3-numpy python3-pytest)
+          python3-dev pybind11-dev python3-numpy python3-pytest
+          libopenni2-dev libfreenect-dev libfreenect-bin libsdl2-dev libx11-dev xvfb xauth xdotool)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

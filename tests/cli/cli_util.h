@@ -3,7 +3,9 @@
 // recordings and a way to run the built `qbt`.
 
 #include <filesystem>
+#include <cstdint>
 #include <string>
+#include <vector>
 
 #include "scene.h"
 
@@ -30,6 +32,18 @@ void write_box_forest(const std::string& path);
 // Writes `frames` frames of a named simulator scenario as a recording.
 void write_recording(const std::string& dir, const std::string& scenario, int frames, int people, bool mirrored,
                      uint32_t width = 320, uint32_t height = 240);
+
+// Writes the depth frames of a 640x480 simulator recording as a dump that libfreenect's
+// playback library (fakenect) plays: raw 11-bit disparity through the library's default
+// shift tables, `secondsApart` between frames. Where the dump ends the playback library
+// fails as a camera does that is unplugged.
+void write_fakenect_dump(const std::string& recording, const std::string& dump, double secondsApart);
+
+// The folder of libfreenect's playback library, empty when it is not installed.
+std::string fakenect_library_dir();
+
+// The frames of a recording folder written by `qbt live --record`, in order.
+std::vector<std::vector<uint16_t>> read_recorded_frames(const std::string& dir);
 
 struct RunResult {
   int code = -1;

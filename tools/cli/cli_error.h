@@ -13,6 +13,7 @@ enum ExitCode : int {
   kExitDataFile = 3,  // no data file, or one that cannot be loaded
   kExitTracking = 4,  // the library failed while tracking
   kExitOutput = 5,    // an output file or folder cannot be written
+  kExitNoDevice = 6,  // no depth camera answered
 };
 
 class CliError : public std::runtime_error {

@@ -12,6 +12,8 @@ void add_demo_command(CLI::App& app);
 void add_track_command(CLI::App& app);
 void add_render_command(CLI::App& app);
 void add_info_command(CLI::App& app);
+void add_live_command(CLI::App& app);
+void add_view_command(CLI::App& app);
 
 // Returns the process exit code (cli_error.h).
 int run(CLI::App& app, int argc, char** argv);

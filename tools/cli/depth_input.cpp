@@ -8,6 +8,7 @@
 #include <nlohmann/json.hpp>
 
 #include "cli_error.h"
+#include "frame_source.h"
 #include "png_io.h"
 
 namespace quorvik::cli {
@@ -44,6 +45,7 @@ class PngFolder : public DepthInput {
           doc["camera"]["mirrored"].is_boolean())
         mirrored_ = doc["camera"]["mirrored"].get<bool>();
     }
+    options_ = camera_options_from_json((dir / "recording.json").string());
   }
 
   std::vector<uint16_t> read(int index) const override {
@@ -114,6 +116,14 @@ std::unique_ptr<DepthInput> open_depth_input(const std::string& path, std::optio
   if (!fs::exists(p, ec))
     throw CliError(kExitInput, "no such file or folder: " + path +
                                    "; give a folder of 16-bit PNG depth frames or a .u16 file with --size WxH");
+  if (is_oni_file(path)) {
+#ifdef QBT_CLI_WITH_OPENNI2
+    return open_oni_recording(path);
+#else
+    throw CliError(kExitUsage, path + " is an OpenNI2 recording, but this qbt was built without OpenNI2; install "
+                                      "libopenni2-dev and build again");
+#endif
+  }
   if (fs::is_directory(p, ec)) {
     std::vector<fs::path> depthFiles, pngFiles;
     for (const fs::directory_entry& e : fs::directory_iterator(p, ec)) {

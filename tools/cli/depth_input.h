@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "quorvik/body_tracking.h"
+
 namespace quorvik::cli {
 
 struct FrameSize {
@@ -24,6 +26,8 @@ class DepthInput {
   FrameSize size() const { return size_; }
   // Mirroring recorded with the frames (a simulator recording says it), if any.
   std::optional<bool> mirrored() const { return mirrored_; }
+  // Camera options recorded with the frames (a camera recording has them), if any.
+  const std::optional<qbt_bodytracker_options_t>& camera_options() const { return options_; }
   // Frame `index` (0-based) in millimetres; throws CliError (input) when it cannot be read.
   virtual std::vector<uint16_t> read(int index) const = 0;
   // Where frame `index` comes from, for messages.
@@ -33,7 +37,11 @@ class DepthInput {
   int count_ = 0;
   FrameSize size_;
   std::optional<bool> mirrored_;
+  std::optional<qbt_bodytracker_options_t> options_;
 };
+
+// The camera options of a recording.json's "camera" object, when it holds them.
+std::optional<qbt_bodytracker_options_t> camera_options_from_json(const std::string& recordingJson);
 
 // Opens a folder (depth_NNNNNN.png files when there are any, else every *.png, in name
 // order) or a .u16 file (needs `size`). Every frame header is checked up front, so a

@@ -65,7 +65,10 @@ void track(const TrackOptions& o) {
     po.expectedFrames = last - o.first + 1;
     pictures = std::make_unique<PictureWriter>(po);
   }
-  Tracker tracker(dataFile, mirrored);
+  // A camera recording carries the options its camera reported; they are used again here so
+  // that tracking it gives what tracking the camera gave.
+  const std::optional<qbt_bodytracker_options_t>& camera = input->camera_options();
+  Tracker tracker(dataFile, mirrored, camera ? &*camera : nullptr);
   const FrameSize s = input->size();
   for (int i = o.first; i <= last; ++i) {
     const std::vector<uint16_t> depth = input->read(i);
@@ -92,9 +95,10 @@ void track(const TrackOptions& o) {
 void add_track_command(CLI::App& app) {
   auto o = std::make_shared<TrackOptions>();
   CLI::App* cmd = app.add_subcommand(
-      "track", "Track a recording (a folder of 16-bit PNG depth frames in millimetres, or a raw .u16 file with --size) "
+      "track", "Track a recording (a folder of 16-bit PNG depth frames in millimetres, a raw .u16 file with --size, or an "
+               "OpenNI2 .oni file) "
                "and write one JSON object per frame");
-  cmd->add_option("INPUT", o->input, "Folder of depth PNGs (depth_NNNNNN.png, else every *.png by name) or a .u16 file")
+  cmd->add_option("INPUT", o->input, "Folder of depth PNGs (depth_NNNNNN.png, else every *.png by name), a .u16 file or an OpenNI2 .oni recording")
       ->required();
   cmd->add_option("--size", o->size, "Frame size of a .u16 file, WIDTHxHEIGHT");
   CLI::Option* m = cmd->add_flag("--mirrored", o->mirrored, "The depth is mirrored (the library's default)");

@@ -98,9 +98,11 @@ std::string library_message() {
   return info.message != nullptr ? info.message : "";
 }
 
-Tracker::Tracker(const std::string& dataFile, bool mirrored) : dataFile_(dataFile) {
+Tracker::Tracker(const std::string& dataFile, bool mirrored, const qbt_bodytracker_options_t* camera)
+    : dataFile_(dataFile) {
   qbt_bodytracker_options_t options;
-  qbt_bodytracker_fill_default_options(&options);
+  if (camera != nullptr) options = *camera;
+  else qbt_bodytracker_fill_default_options(&options);
   options.dataFilePath = dataFile_.c_str();
   if (qbt_bodytracker_create(&options, &tracker_) != QBT_RESULT_SUCCESS)
     throw CliError(kExitTracking, "cannot create a tracker: " + library_message());
@@ -112,6 +114,11 @@ Tracker::Tracker(const std::string& dataFile, bool mirrored) : dataFile_(dataFil
 }
 
 Tracker::~Tracker() { qbt_bodytracker_destroy(&tracker_); }
+
+void Tracker::reset() {
+  if (qbt_bodytracker_reset(tracker_) != QBT_RESULT_SUCCESS)
+    throw CliError(kExitTracking, "cannot reset the tracker: " + library_message());
+}
 
 TrackedFrame Tracker::update(const uint16_t* depth, uint32_t width, uint32_t height, int index, bool keepMasks) {
   const qbt_depthmap_t map{depth, static_cast<int32_t>(width), static_cast<int32_t>(height)};

@@ -60,8 +60,9 @@ std::string library_message();
 
 class Tracker {
  public:
-  // Throws CliError (data file or tracking) when the tracker cannot be created.
-  Tracker(const std::string& dataFile, bool mirrored);
+  // Throws CliError (data file or tracking) when the tracker cannot be created. `camera`
+  // gives the camera fields of the options (the library's defaults when null).
+  Tracker(const std::string& dataFile, bool mirrored, const qbt_bodytracker_options_t* camera = nullptr);
   ~Tracker();
   Tracker(const Tracker&) = delete;
   Tracker& operator=(const Tracker&) = delete;
@@ -69,6 +70,9 @@ class Tracker {
   // Tracks one depth map. Throws CliError: input for a size the library refuses (with the
   // library's own message), data file when the forest does not load, tracking otherwise.
   TrackedFrame update(const uint16_t* depth, uint32_t width, uint32_t height, int index, bool keepMasks = true);
+
+  // Forgets every body; the next update starts afresh.
+  void reset();
 
   // Seconds spent inside the library's update, without the first update (which waits for
   // the data file to load), and the number of updates counted in it.
