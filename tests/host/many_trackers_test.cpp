@@ -62,20 +62,29 @@ uint64_t digest(qbt_bodyframe_t frame) {
   return h;
 }
 
-// 500 frames of one person walking across the room and back, each frame's digest in `out`.
-// The tracker is driven synchronously, asynchronously with polling, or asynchronously with
-// a blocking take, in a pattern that differs between threads.
+// 500 frames of one person walking across the room and back.
+const std::vector<std::vector<uint16_t>>& walk() {
+  static const std::vector<std::vector<uint16_t>> frames = [] {
+    person_scene::PersonScene scene(1000.f, 5.f, 160, 120);
+    scene.floor().wall(4500);
+    const int walker = scene.add_person(-1500.f, 2800.f);
+    std::vector<std::vector<uint16_t>> out;
+    for (int i = 0; i < 500; ++i) {
+      scene.walk_to(walker, -1500.f + 12.f * static_cast<float>(i < 250 ? i : 500 - i), 2800.f);
+      out.push_back(scene.render());
+    }
+    return out;
+  }();
+  return frames;
+}
+
+// Tracks the walk and puts each frame's digest in `out`. The tracker is driven
+// synchronously, asynchronously with polling, or asynchronously with a blocking take, in a
+// pattern that differs between threads.
 void walk_through(int pattern, std::vector<uint64_t>& out, int& failures) {
   qbt_bodytracker_t tracker = create_tracker();
-  person_scene::PersonScene scene(1000.f, 5.f, 160, 120);
-  scene.floor().wall(4500);
-  const int walker = scene.add_person(-1500.f, 2800.f);
-  std::vector<uint16_t> depth;
   for (int i = 0; i < 500; ++i) {
-    const float x = -1500.f + 12.f * static_cast<float>(i < 250 ? i : 500 - i);
-    scene.walk_to(walker, x, 2800.f);
-    scene.render(depth);
-    const qbt_depthmap_t map{depth.data(), scene.width(), scene.height()};
+    const qbt_depthmap_t map{walk()[size_t(i)].data(), 160, 120};
     qbt_bodyframe_t frame{};
     qbt_result_t code;
     switch ((i + pattern) % 3) {
@@ -114,6 +123,7 @@ TEST(ManyTrackers, FourTrackersInFourThreadsDoNotDisturbEachOther) {
   constexpr int kThreads = 4;
   std::vector<std::vector<uint64_t>> digests(kThreads);
   std::vector<int> failures(kThreads, 0);
+  walk();
   std::vector<std::thread> threads;
   for (int t = 0; t < kThreads; ++t) threads.emplace_back([&, t] { walk_through(t, digests[t], failures[t]); });
   for (auto& thread : threads) thread.join();
