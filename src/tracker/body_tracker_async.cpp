@@ -82,9 +82,12 @@ FrameResult BodyTrackerAsync::take_frame(const void* slot) {
 
 FrameResult BodyTrackerAsync::run_job(bool reset, bool mirrored) {
   if (auto failure = ensure_loaded()) return op::Err(*failure);
-  if (reset) tracker_->reset();
+  // An update that threw may have left users and their models half done: start over.
+  if (reset || !trackerSettled_) tracker_->reset();
   tracker_->isDepthMirrored = mirrored;
+  trackerSettled_ = false;
   auto updated = tracker_->update(depthCopy_.width(), depthCopy_.height(), depthCopy_.data());
+  trackerSettled_ = true;
   if (updated.is_error()) return op::Err(updated.unwrap_error());
   rebuild_frame();
   return op::Ok(&frame_);

@@ -77,6 +77,8 @@ class BodyTrackerAsync {
   TrackerError loadError_ = TrackerError::Success;
   // A build of the body tracker failed and took the forest with it: read the file again.
   bool reloadNeeded_ = false;
+  // False while an update runs, and after one that threw.
+  bool trackerSettled_ = true;
   std::shared_ptr<spdlog::logger> logger_;
   uint32_t blockWidth_ = 160;
   uint32_t blockHeight_ = 120;
