@@ -1,6 +1,7 @@
 // The tracker through the C interface only: data file start-up, synchronous and asynchronous
 // updates, frame hand-out and release, and the failures a host can run into.
 
+#include <malloc.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -383,10 +384,18 @@ TEST(TrackerThreads, IndependentTrackersOnSeveralThreads) {
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
 long status_kib(const char* field);
 
+// One arena, and every large block mapped on its own, so that the workers' allocations
+// count against an address space limit instead of coming out of a heap reserved earlier.
+void count_every_allocation() {
+  mallopt(M_ARENA_MAX, 1);
+  mallopt(M_MMAP_THRESHOLD, 128 * 1024);
+}
+
 // The body tracker is built on the worker by the first update. With the address space
 // nearly used up that build fails: the host gets 103 with the exception's text, and once
 // memory is back the next update builds it and tracks.
 void update_with_the_address_space_nearly_used_up() {
+  count_every_allocation();
   Tracker tracker(valid_file());
   std::this_thread::sleep_for(std::chrono::milliseconds(300));  // the small file is read by now
   const rlimit tight{static_cast<rlim_t>(status_kib("VmSize:") + 4096) * 1024, RLIM_INFINITY};
@@ -405,6 +414,41 @@ void update_with_the_address_space_nearly_used_up() {
   if (qbt_bodyframe_release(&frame) != 0) _exit(3);
   if (qbt_bodytracker_destroy(&tracker.handle) != 0) _exit(4);
   _exit(0);
+}
+
+// The largest depth map, with memory for its copy but not for the masks: the update fails
+// on the worker, half done. Once memory is back, updates of that size work.
+void large_update_with_the_address_space_nearly_used_up() {
+  count_every_allocation();
+  Tracker tracker(valid_file());
+  Depth small(160, 120, 2000);
+  Depth large(2560, 1920, 2000);
+  qbt_bodyframe_t frame;
+  if (qbt_bodytracker_update(tracker.handle, &small.map, &frame) != 0) _exit(1);
+  qbt_bodyframe_release(&frame);
+  const rlimit tight{static_cast<rlim_t>(status_kib("VmSize:") + 11 * 1024) * 1024, RLIM_INFINITY};
+  const rlimit open{RLIM_INFINITY, RLIM_INFINITY};
+  setrlimit(RLIMIT_AS, &tight);
+  const qbt_result_t failed = qbt_bodytracker_update(tracker.handle, &large.map, &frame);
+  const std::string text = last_text();
+  setrlimit(RLIMIT_AS, &open);
+  if (failed != 103 || text.rfind("qbt_bodytracker_update(): Internal unhandled exception: ", 0) != 0) {
+    std::fprintf(stderr, "first update: %d %s\n", failed, text.c_str());
+    _exit(2);
+  }
+  for (int i = 0; i < 3; ++i) {
+    if (qbt_bodytracker_update(tracker.handle, &large.map, &frame) != 0) _exit(3);
+    qbt_bodymask_t mask;
+    qbt_bodyframe_bodymask(frame, &mask);
+    if (mask.width != 2560 || mask.height != 1920) _exit(4);
+    qbt_bodyframe_release(&frame);
+  }
+  _exit(0);
+}
+
+TEST(TrackerDeathTest, AnUpdateWithoutMemoryIsReportedAndTheNextOneWorks) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(large_update_with_the_address_space_nearly_used_up(), ::testing::ExitedWithCode(0), "");
 }
 
 TEST(TrackerDeathTest, AFailedBuildIsReportedAndTheNextUpdateBuildsAgain) {
