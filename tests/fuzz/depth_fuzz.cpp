@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -187,7 +188,7 @@ qbt_bodyframe_t update(qbt_bodytracker_t tracker, const qbt_depthmap_t& map, uin
     bool ready = false;
     while (!ready) {
       expect("frame_ready", qbt_asyncbodyframe_frame_ready(async, &ready), 0, "");
-      if (!ready) std::this_thread::yield();
+      if (!ready) std::this_thread::sleep_for(std::chrono::microseconds(100));
     }
   }
   expect("take_frame", qbt_asyncbodyframe_take_frame(async, &frame), expected, "qbt_asyncbodyframe_take_frame");

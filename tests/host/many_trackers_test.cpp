@@ -4,6 +4,7 @@
 #include <malloc.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cmath>
 #include <cstdint>
 #include <filesystem>
@@ -97,7 +98,8 @@ void walk_through(int pattern, std::vector<uint64_t>& out, int& failures) {
         bool ready = false;
         while (code == 0 && !ready) {
           code = qbt_asyncbodyframe_frame_ready(async, &ready);
-          std::this_thread::yield();
+          // A host does other work meanwhile; spinning would take the workers' processors.
+          if (!ready) std::this_thread::sleep_for(std::chrono::microseconds(200));
         }
         if (code == 0) code = qbt_asyncbodyframe_take_frame(async, &frame);
         break;
