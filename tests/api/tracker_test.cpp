@@ -359,6 +359,18 @@ TEST(TrackerLifetime, DestroyWaitsForARunningUpdate) {
   ASSERT_EQ(qbt_bodytracker_destroy(&tracker), 0);
   EXPECT_EQ(tracker, nullptr);
   EXPECT_EQ(qbt_bodytracker_destroy(&tracker), 7);
+
+  // A host that never released its frame, or never took its result, loses nothing either.
+  for (bool take : {true, false}) {
+    SCOPED_TRACE(take ? "frame held" : "result not taken");
+    ASSERT_EQ(qbt_bodytracker_create(&options, &tracker), 0);
+    ASSERT_EQ(qbt_bodytracker_update_async(tracker, &depth.map, &async), 0);
+    qbt_bodyframe_t frame;
+    if (take) {
+      ASSERT_EQ(qbt_asyncbodyframe_take_frame(async, &frame), 0);
+    }
+    EXPECT_EQ(qbt_bodytracker_destroy(&tracker), 0);
+  }
 }
 
 TEST(TrackerThreads, IndependentTrackersOnSeveralThreads) {
