@@ -463,6 +463,39 @@ TEST(TrackerDeathTest, AnUpdateWithoutMemoryIsReportedAndTheNextOneWorks) {
   EXPECT_EXIT(large_update_with_the_address_space_nearly_used_up(), ::testing::ExitedWithCode(0), "");
 }
 
+// Without room for the workers' stacks the tracker cannot start: the host gets 103 and no
+// handle, and can create one once memory is back.
+void create_with_the_address_space_nearly_used_up() {
+  count_every_allocation();
+  const rlimit tight{static_cast<rlim_t>(status_kib("VmSize:") + 1024) * 1024, RLIM_INFINITY};
+  const rlimit open{RLIM_INFINITY, RLIM_INFINITY};
+  qbt_bodytracker_options_t options;
+  qbt_bodytracker_fill_default_options(&options);
+  options.dataFilePath = valid_file().c_str();
+  qbt_bodytracker_t tracker = nullptr;
+  setrlimit(RLIMIT_AS, &tight);
+  const qbt_result_t failed = qbt_bodytracker_create(&options, &tracker);
+  const std::string text = last_text();
+  setrlimit(RLIMIT_AS, &open);
+  if (failed != 103 || tracker != nullptr ||
+      text != "qbt_bodytracker_create(): Internal unhandled exception: Resource temporarily unavailable") {
+    std::fprintf(stderr, "create: %d %s\n", failed, text.c_str());
+    _exit(1);
+  }
+  if (qbt_bodytracker_create(&options, &tracker) != 0) _exit(2);
+  Depth depth(160, 120);
+  qbt_bodyframe_t frame;
+  if (qbt_bodytracker_update(tracker, &depth.map, &frame) != 0) _exit(3);
+  qbt_bodyframe_release(&frame);
+  if (qbt_bodytracker_destroy(&tracker) != 0) _exit(4);
+  _exit(0);
+}
+
+TEST(TrackerDeathTest, ACreateWithoutThreadsIsReportedAndCanBeRepeated) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(create_with_the_address_space_nearly_used_up(), ::testing::ExitedWithCode(0), "");
+}
+
 TEST(TrackerDeathTest, AFailedBuildIsReportedAndTheNextUpdateBuildsAgain) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   EXPECT_EXIT(update_with_the_address_space_nearly_used_up(), ::testing::ExitedWithCode(0), "");
