@@ -1,9 +1,9 @@
 /* Quorvik Body Tracking: body tracking for structured-light depth cameras.
  *
  * The host creates a tracker, hands it one depth map (unsigned 16-bit millimetres, 0 = no
- * measurement, width and height the same whole multiple of 160x120) per camera frame, and
- * reads back a body frame: up to ten people with ids, statuses and sixteen joints each, a
- * per-pixel body mask and the floor. Every function except the two ..._is_valid functions
+ * measurement, width and height the same whole multiple of 160x120, at most 2560x1920) per
+ * camera frame, and reads back a body frame: up to ten people with ids, statuses and sixteen
+ * joints each, a per-pixel body mask and the floor. Every function except the two ..._is_valid functions
  * returns a qbt_result_t: 0 on success, else an error code whose text qbt_error_info reads.
  */
 #ifndef QUORVIK_BODY_TRACKING_H

@@ -28,12 +28,15 @@ class Image {
     return *this;
   }
 
-  // Contents are undefined after a size change.
+  // Contents are undefined after a size change. The new buffer is allocated before the
+  // size changes: an allocation that throws leaves the image as it was, not a large size
+  // over the old, smaller buffer.
   void resize(uint32_t width, uint32_t height) {
     if (width == width_ && height == height_ && data_) return;
+    const size_t count = size_t{width} * height;
+    data_ = count != 0 ? std::make_unique_for_overwrite<T[]>(count) : nullptr;
     width_ = width;
     height_ = height;
-    data_ = size() != 0 ? std::make_unique_for_overwrite<T[]>(size()) : nullptr;
   }
 
   // A plain loop over data_[i] would reload the size on every element: a store through a

@@ -80,8 +80,17 @@ std::unique_ptr<Action> TaskQueue::take(uint64_t waitMs, std::chrono::microsecon
   };
   for (;;) {
     if (auto action = pop()) return action;
+    if (stopped_) return nullptr;
     if (nonEmpty_.wait_for(lock, std::chrono::milliseconds(waitMs)) == std::cv_status::timeout) return pop();
   }
+}
+
+void TaskQueue::stop() {
+  {
+    std::lock_guard lock(mutex_);
+    stopped_ = true;
+  }
+  nonEmpty_.notify_all();
 }
 
 uint64_t TaskQueue::queued() {
@@ -100,7 +109,17 @@ ThreadPool::ThreadPool(uint64_t threadCount)
       queues_(std::make_unique<TaskQueue[]>(threadCount_)),
       spinBeforeSleep_(usable_processors() > 1 ? kSpinBeforeSleep : std::chrono::microseconds(0)) {
   threads_.reserve(threadCount_);
-  for (uint64_t i = 0; i < threadCount_; ++i) threads_.emplace_back([this, i] { worker(i); });
+  try {
+    for (uint64_t i = 0; i < threadCount_; ++i) threads_.emplace_back([this, i] { worker(i); });
+  } catch (...) {
+    // The system refused a thread. No destructor runs for a pool that failed to construct,
+    // and a joinable thread destroyed unjoined ends the process: stop the ones started.
+    running_.store(false);
+    alive_.store(false);
+    for (uint64_t i = 0; i < threadCount_; ++i) queues_[i].stop();
+    for (auto& thread : threads_) thread.join();
+    throw;
+  }
 }
 
 ThreadPool::~ThreadPool() { terminate(); }
@@ -144,6 +163,9 @@ void ThreadPool::terminate() {
     }
   }
   running_.store(false);
+  // Without the wake-up an idle worker would notice only at its next timed wake-up, and
+  // every tracker's destruction would take a tenth of a second per pool.
+  for (uint64_t i = 0; i < threadCount_; ++i) queues_[i].stop();
   for (auto& thread : threads_) thread.join();
   threads_.clear();
 }

@@ -33,6 +33,8 @@ class TaskQueue {
   // Waits at most `waitMs` for an action; null when none came.
   std::unique_ptr<Action> take(uint64_t waitMs, std::chrono::microseconds spin);
   uint64_t queued();
+  // Wakes the worker for good: from now on take() returns at once when the queue is empty.
+  void stop();
 
  private:
   bool full() const { return (tail_ + 1) % kCapacity == head_; }
@@ -45,6 +47,7 @@ class TaskQueue {
   // next action for a moment before it goes to sleep.
   std::atomic<uint64_t> insertions_{0};
   uint64_t removals_ = 0;  // the worker's own count of the actions it took
+  bool stopped_ = false;
   std::mutex mutex_;
   std::condition_variable nonEmpty_;
   std::condition_variable notFull_;

@@ -31,8 +31,10 @@ op::Result<PendingResult*, TrackerError> BodyTrackerAsync::update_async(const De
     logger_->warn("update_async: Body ref count too high! count = {}", frame_.refCount);
     return op::Err(TrackerError::BodyFrameNotReleased);
   }
-  // A negative size gives no meaningful pixel count; refuse it before touching the buffer.
-  if (depth.width < 0 || depth.height < 0 || depth.width > UINT32_MAX || depth.height > UINT32_MAX)
+  // A negative or oversized size gives no meaningful pixel count; refuse it before touching
+  // the buffer.
+  if (depth.width < 0 || depth.height < 0 || depth.width > int64_t{blockWidth_} * kMaxDepthMultiple ||
+      depth.height > int64_t{blockHeight_} * kMaxDepthMultiple)
     return op::Err(TrackerError::InvalidDepthMapSize);
   const auto width = static_cast<uint32_t>(depth.width);
   const auto height = static_cast<uint32_t>(depth.height);
@@ -80,9 +82,12 @@ FrameResult BodyTrackerAsync::take_frame(const void* slot) {
 
 FrameResult BodyTrackerAsync::run_job(bool reset, bool mirrored) {
   if (auto failure = ensure_loaded()) return op::Err(*failure);
-  if (reset) tracker_->reset();
+  // An update that threw may have left users and their models half done: start over.
+  if (reset || !trackerSettled_) tracker_->reset();
   tracker_->isDepthMirrored = mirrored;
+  trackerSettled_ = false;
   auto updated = tracker_->update(depthCopy_.width(), depthCopy_.height(), depthCopy_.data());
+  trackerSettled_ = true;
   if (updated.is_error()) return op::Err(updated.unwrap_error());
   rebuild_frame();
   return op::Ok(&frame_);
@@ -91,14 +96,20 @@ FrameResult BodyTrackerAsync::run_job(bool reset, bool mirrored) {
 std::optional<TrackerError> BodyTrackerAsync::ensure_loaded() {
   if (loadState_ == kLoaded) return std::nullopt;
   if (loadState_ == kFailed) return loadError_;
+  if (reloadNeeded_) {
+    // Started here rather than in the failed build's handler: starting a load needs threads
+    // and memory too, and if those are still short, this update fails and the next tries again.
+    loader_ = std::make_unique<ClassifierLoader>(dataFilePath_);
+    reloadNeeded_ = false;
+  }
   if (loader_->has_forest()) {
     try {
       tracker_ = std::make_unique<BodyTracker>(options_, loader_->take_classifier(), blockWidth_, blockHeight_);
     } catch (...) {
-      // The forest went down with the failed build: read the file again so that the next
-      // update finds the state still pending and can try once more.
+      // The forest went down with the failed build: the next update reads the file again,
+      // with the state still pending.
       tracker_.reset();
-      loader_ = std::make_unique<ClassifierLoader>(dataFilePath_);
+      reloadNeeded_ = true;
       throw;
     }
     logger_->info("Loaded data file.");

@@ -28,6 +28,11 @@ struct DepthView {
   const uint16_t* pixels;
 };
 
+// The largest depth map taken, as a multiple of 160x120: 2560x1920. Anything larger is no
+// camera's depth map but a size field gone wrong, and copying it would mean allocating, and
+// reading, up to gigabytes on the host's word.
+inline constexpr int64_t kMaxDepthMultiple = 16;
+
 using FrameResult = op::Result<_::BodyFrame*, TrackerError>;
 using PendingResult = op::ActionFuture<FrameResult>;
 
@@ -70,6 +75,10 @@ class BodyTrackerAsync {
   bool isDepthMirrored_ = true;
   uint32_t loadState_ = kPending;
   TrackerError loadError_ = TrackerError::Success;
+  // A build of the body tracker failed and took the forest with it: read the file again.
+  bool reloadNeeded_ = false;
+  // False while an update runs, and after one that threw.
+  bool trackerSettled_ = true;
   std::shared_ptr<spdlog::logger> logger_;
   uint32_t blockWidth_ = 160;
   uint32_t blockHeight_ = 120;

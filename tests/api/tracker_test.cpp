@@ -1,9 +1,13 @@
 // The tracker through the C interface only: data file start-up, synchronous and asynchronous
 // updates, frame hand-out and release, and the failures a host can run into.
 
+#include <malloc.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
+#include <climits>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
@@ -110,6 +114,9 @@ TEST(TrackerStartup, DataFileFailuresAreReportedByEveryUpdate) {
   truncated.bytes_.resize(truncated.bytes_.size() - 20);
   DataFile version2;
   version2.signature().chunk("QHDR", DataFile::words({2})).chunk("QEOF", {});
+  DataFile random;
+  uint32_t lcg = 12345;
+  for (int i = 0; i < 4096; ++i) random.bytes_.push_back(static_cast<uint8_t>((lcg = lcg * 1664525u + 1013904223u) >> 24));
   struct Case {
     const char* label;
     std::string path;
@@ -121,6 +128,8 @@ TEST(TrackerStartup, DataFileFailuresAreReportedByEveryUpdate) {
       {"no tree", noTree.write("notree"), 3},
       {"truncated", truncated.write("truncated"), 2},
       {"version 2", version2.write("version2"), 2},
+      {"random", random.write("random"), 2},
+      {"path of 5000 characters", dir + "/" + std::string(5000, 'q'), 3},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.label);
@@ -139,6 +148,22 @@ TEST(TrackerStartup, DataFileFailuresAreReportedByEveryUpdate) {
     qbt_bodyframe_t frame;
     EXPECT_EQ(qbt_asyncbodyframe_take_frame(async, &frame), c.code);
     EXPECT_EQ(last_text().rfind("qbt_asyncbodyframe_take_frame(): ", 0), 0u) << last_text();
+  }
+}
+
+// Wherever the file ends, the tracker reports the file, not a crash or a forest of scraps.
+TEST(TrackerStartup, ADataFileCutAnywhereIsRefused) {
+  const DataFile whole = DataFile::single_leaf(17);
+  for (size_t length = 0; length < whole.bytes_.size(); ++length) {
+    SCOPED_TRACE(length);
+    DataFile cut = whole;
+    cut.bytes_.resize(length);
+    Tracker tracker(cut.write("cut"));
+    Depth depth(160, 120);
+    qbt_bodyframe_t frame;
+    const qbt_result_t code = qbt_bodytracker_update(tracker.handle, &depth.map, &frame);
+    EXPECT_TRUE(code == 2 || code == 3) << int{code};
+    EXPECT_EQ(last_text().rfind("bodytracker_update(): Data file ", 0), 0u) << last_text();
   }
 }
 
@@ -220,16 +245,35 @@ TEST(TrackerUpdate, BadSizesAreRefusedAndTheTrackerKeepsWorking) {
   Tracker tracker(valid_file());
   struct Size {
     int w, h;
-  } sizes[] = {{320, 120}, {0, 0}, {160, 0}, {161, 120}, {-160, 120}, {160, -120}, {480, 240}};
+  } sizes[] = {{320, 120},  {0, 0},           {160, 0},    {161, 120},         {-160, 120},
+               {160, -120}, {480, 240},       {2720, 2040}, {INT32_MAX, INT32_MAX}, {INT32_MIN, INT32_MIN},
+               {0, 1920},   {2560, 1921}};
+  // The buffer is never larger than 2560x1920: a size the tracker refuses must not be read.
+  Depth buffer(2560, 1920);
   for (const Size& s : sizes) {
     SCOPED_TRACE(std::to_string(s.w) + "x" + std::to_string(s.h));
-    Depth depth(std::max(s.w, 0), std::max(s.h, 0));
-    depth.map.width = s.w;
-    depth.map.height = s.h;
+    qbt_depthmap_t map{buffer.pixels.data(), s.w, s.h};
     qbt_bodyframe_t frame;
-    EXPECT_EQ(qbt_bodytracker_update(tracker.handle, &depth.map, &frame), 6);
+    EXPECT_EQ(qbt_bodytracker_update(tracker.handle, &map, &frame), 6);
     EXPECT_EQ(last_text(), "bodytracker_update(): Input depth map has an invalid size. Depth map size must be a "
                            "multiple of 160x120. ");
+    // The asynchronous update refuses a size it cannot copy at once, any other when taken.
+    qbt_asyncbodyframe_t async;
+    qbt_result_t code = qbt_bodytracker_update_async(tracker.handle, &map, &async);
+    if (code == 0) code = qbt_asyncbodyframe_take_frame(async, &frame);
+    EXPECT_EQ(code, 6);
+  }
+  // Up to 2560x1920 any multiple is taken, and the masks come back at the input size.
+  for (const Size& s : {Size{1280, 960}, Size{2560, 1920}, Size{160, 120}}) {
+    SCOPED_TRACE(std::to_string(s.w) + "x" + std::to_string(s.h));
+    Depth depth(s.w, s.h, 2800);
+    qbt_bodyframe_t frame;
+    ASSERT_EQ(qbt_bodytracker_update(tracker.handle, &depth.map, &frame), 0);
+    qbt_bodymask_t mask;
+    qbt_bodyframe_bodymask(frame, &mask);
+    EXPECT_EQ(mask.width, s.w);
+    EXPECT_EQ(mask.height, s.h);
+    qbt_bodyframe_release(&frame);
   }
   Depth depth(640, 480, 3000);
   qbt_bodyframe_t frame;
@@ -315,6 +359,18 @@ TEST(TrackerLifetime, DestroyWaitsForARunningUpdate) {
   ASSERT_EQ(qbt_bodytracker_destroy(&tracker), 0);
   EXPECT_EQ(tracker, nullptr);
   EXPECT_EQ(qbt_bodytracker_destroy(&tracker), 7);
+
+  // A host that never released its frame, or never took its result, loses nothing either.
+  for (bool take : {true, false}) {
+    SCOPED_TRACE(take ? "frame held" : "result not taken");
+    ASSERT_EQ(qbt_bodytracker_create(&options, &tracker), 0);
+    ASSERT_EQ(qbt_bodytracker_update_async(tracker, &depth.map, &async), 0);
+    qbt_bodyframe_t frame;
+    if (take) {
+      ASSERT_EQ(qbt_asyncbodyframe_take_frame(async, &frame), 0);
+    }
+    EXPECT_EQ(qbt_bodytracker_destroy(&tracker), 0);
+  }
 }
 
 TEST(TrackerThreads, IndependentTrackersOnSeveralThreads) {
@@ -337,11 +393,120 @@ TEST(TrackerThreads, IndependentTrackersOnSeveralThreads) {
   EXPECT_EQ(failures.load(), 0);
 }
 
-long resident_kib() {
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+long status_kib(const char* field);
+
+// One arena, and every large block mapped on its own, so that the workers' allocations
+// count against an address space limit instead of coming out of a heap reserved earlier.
+void count_every_allocation() {
+  mallopt(M_ARENA_MAX, 1);
+  mallopt(M_MMAP_THRESHOLD, 128 * 1024);
+}
+
+// The body tracker is built on the worker by the first update. With the address space
+// nearly used up that build fails: the host gets 103 with the exception's text, and once
+// memory is back the next update builds it and tracks.
+void update_with_the_address_space_nearly_used_up() {
+  count_every_allocation();
+  Tracker tracker(valid_file());
+  std::this_thread::sleep_for(std::chrono::milliseconds(300));  // the small file is read by now
+  const rlimit tight{static_cast<rlim_t>(status_kib("VmSize:") + 4096) * 1024, RLIM_INFINITY};
+  const rlimit open{RLIM_INFINITY, RLIM_INFINITY};
+  Depth depth(160, 120);
+  qbt_bodyframe_t frame;
+  setrlimit(RLIMIT_AS, &tight);
+  const qbt_result_t failed = qbt_bodytracker_update(tracker.handle, &depth.map, &frame);
+  const std::string text = last_text();
+  setrlimit(RLIMIT_AS, &open);
+  if (failed != 103 || text.rfind("qbt_bodytracker_update(): Internal unhandled exception: ", 0) != 0) {
+    std::fprintf(stderr, "first update: %d %s\n", failed, text.c_str());
+    _exit(1);
+  }
+  if (qbt_bodytracker_update(tracker.handle, &depth.map, &frame) != 0) _exit(2);
+  if (qbt_bodyframe_release(&frame) != 0) _exit(3);
+  if (qbt_bodytracker_destroy(&tracker.handle) != 0) _exit(4);
+  _exit(0);
+}
+
+// The largest depth map, with memory for its copy but not for the masks: the update fails
+// on the worker, half done. Once memory is back, updates of that size work.
+void large_update_with_the_address_space_nearly_used_up() {
+  count_every_allocation();
+  Tracker tracker(valid_file());
+  Depth small(160, 120, 2000);
+  Depth large(2560, 1920, 2000);
+  qbt_bodyframe_t frame;
+  if (qbt_bodytracker_update(tracker.handle, &small.map, &frame) != 0) _exit(1);
+  qbt_bodyframe_release(&frame);
+  const rlimit tight{static_cast<rlim_t>(status_kib("VmSize:") + 11 * 1024) * 1024, RLIM_INFINITY};
+  const rlimit open{RLIM_INFINITY, RLIM_INFINITY};
+  setrlimit(RLIMIT_AS, &tight);
+  const qbt_result_t failed = qbt_bodytracker_update(tracker.handle, &large.map, &frame);
+  const std::string text = last_text();
+  setrlimit(RLIMIT_AS, &open);
+  if (failed != 103 || text != "qbt_bodytracker_update(): Internal unhandled exception: std::bad_alloc") {
+    std::fprintf(stderr, "first update: %d %s\n", failed, text.c_str());
+    _exit(2);
+  }
+  for (int i = 0; i < 3; ++i) {
+    if (qbt_bodytracker_update(tracker.handle, &large.map, &frame) != 0) _exit(3);
+    qbt_bodymask_t mask;
+    qbt_bodyframe_bodymask(frame, &mask);
+    if (mask.width != 2560 || mask.height != 1920) _exit(4);
+    qbt_bodyframe_release(&frame);
+  }
+  _exit(0);
+}
+
+TEST(TrackerDeathTest, AnUpdateWithoutMemoryIsReportedAndTheNextOneWorks) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(large_update_with_the_address_space_nearly_used_up(), ::testing::ExitedWithCode(0), "");
+}
+
+// Without room for the workers' stacks the tracker cannot start: the host gets 103 and no
+// handle, and can create one once memory is back.
+void create_with_the_address_space_nearly_used_up() {
+  count_every_allocation();
+  const rlimit tight{static_cast<rlim_t>(status_kib("VmSize:") + 1024) * 1024, RLIM_INFINITY};
+  const rlimit open{RLIM_INFINITY, RLIM_INFINITY};
+  qbt_bodytracker_options_t options;
+  qbt_bodytracker_fill_default_options(&options);
+  options.dataFilePath = valid_file().c_str();
+  qbt_bodytracker_t tracker = nullptr;
+  setrlimit(RLIMIT_AS, &tight);
+  const qbt_result_t failed = qbt_bodytracker_create(&options, &tracker);
+  const std::string text = last_text();
+  setrlimit(RLIMIT_AS, &open);
+  if (failed != 103 || tracker != nullptr ||
+      text != "qbt_bodytracker_create(): Internal unhandled exception: Resource temporarily unavailable") {
+    std::fprintf(stderr, "create: %d %s\n", failed, text.c_str());
+    _exit(1);
+  }
+  if (qbt_bodytracker_create(&options, &tracker) != 0) _exit(2);
+  Depth depth(160, 120);
+  qbt_bodyframe_t frame;
+  if (qbt_bodytracker_update(tracker, &depth.map, &frame) != 0) _exit(3);
+  qbt_bodyframe_release(&frame);
+  if (qbt_bodytracker_destroy(&tracker) != 0) _exit(4);
+  _exit(0);
+}
+
+TEST(TrackerDeathTest, ACreateWithoutThreadsIsReportedAndCanBeRepeated) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(create_with_the_address_space_nearly_used_up(), ::testing::ExitedWithCode(0), "");
+}
+
+TEST(TrackerDeathTest, AFailedBuildIsReportedAndTheNextUpdateBuildsAgain) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(update_with_the_address_space_nearly_used_up(), ::testing::ExitedWithCode(0), "");
+}
+#endif
+
+long status_kib(const char* field) {
   std::ifstream status("/proc/self/status");
   std::string key;
   while (status >> key) {
-    if (key == "VmRSS:") {
+    if (key == field) {
       long kib = 0;
       status >> kib;
       return kib;
@@ -350,6 +515,8 @@ long resident_kib() {
   }
   return 0;
 }
+
+long resident_kib() { return status_kib("VmRSS:"); }
 
 TEST(TrackerLifetime, ManyUpdatesDoNotGrowMemory) {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)

@@ -5,8 +5,14 @@
 #include <mutex>
 #include <vector>
 
-#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <unistd.h>
 
+#include <fstream>
+#include <string>
+#include <system_error>
+
+#include <gtest/gtest.h>
 
 namespace op {
 namespace {
@@ -142,6 +148,41 @@ TEST(ThreadPool, AThrowingActionDoesNotKillItsWorker) {
   EXPECT_THROW(bad.get(), std::runtime_error);
   EXPECT_EQ(good.get(), 2);
 }
+
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+// Address space in use now, in bytes.
+rlim_t address_space_in_use() {
+  std::ifstream status("/proc/self/status");
+  std::string key;
+  while (status >> key) {
+    if (key == "VmSize:") {
+      rlim_t kib = 0;
+      status >> kib;
+      return kib * 1024;
+    }
+    status.ignore(1 << 12, '\n');
+  }
+  return 0;
+}
+
+// With room for a few thread stacks only, the system refuses the rest: the pool must give
+// back the error, not end the process with threads it could no longer join.
+void start_more_threads_than_fit() {
+  const rlimit limit{address_space_in_use() + (48u << 20), RLIM_INFINITY};
+  setrlimit(RLIMIT_AS, &limit);
+  try {
+    ThreadPool pool(64);
+  } catch (const std::system_error&) {
+    _exit(0);
+  }
+  _exit(1);
+}
+
+TEST(ThreadPoolDeathTest, ThreadsTheSystemRefusesAreAnErrorNotAnAbort) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(start_more_threads_than_fit(), ::testing::ExitedWithCode(0), "");
+}
+#endif
 
 }  // namespace
 }  // namespace op
