@@ -2,6 +2,7 @@
 // Actions: one unit of work for the thread pool, whose result reaches the holder of its
 // future, and which may belong to a group that a caller waits on.
 
+#include <concepts>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -131,6 +132,8 @@ class Action : _::DisallowCopy {
   void run();
   void join(std::shared_ptr<ActionGroupState> group);
   bool has_run() const { return done_; }
+  // Whether running it would do nothing any more: its work was done elsewhere.
+  virtual bool obsolete() const { return false; }
 
  protected:
   explicit Action(std::shared_ptr<ActionState> state) : state_(std::move(state)) {}
@@ -159,11 +162,24 @@ class ActionImplBase : public Action {
   ActionImplBase() : Action(std::make_shared<ActionStateImpl<R>>()) {}
 };
 
+// A callable that can tell when running it has become pointless.
+template <typename F>
+concept CanBeObsolete = requires(const F& f) {
+  { f.obsolete() } -> std::convertible_to<bool>;
+};
+
 template <typename F>
 class ActionImpl final : public ActionImplBase<std::invoke_result_t<F>> {
  public:
   using R = std::invoke_result_t<F>;
   explicit ActionImpl(F fn) : fn_(std::move(fn)) {}
+  bool obsolete() const override {
+    if constexpr (CanBeObsolete<F>) {
+      return fn_.obsolete();
+    } else {
+      return false;
+    }
+  }
 
  private:
   void invoke(void* storage) override {
@@ -175,7 +191,7 @@ class ActionImpl final : public ActionImplBase<std::invoke_result_t<F>> {
     }
   }
 
-  std::function<R()> fn_;
+  F fn_;
 };
 
 template <typename F>

@@ -70,9 +70,7 @@ void TaskSet::submit(uint64_t worker, std::function<void()> fn) {
   Task& task = state_->tasks.emplace_back(std::move(fn));
   state_->unfinished.fetch_add(1, std::memory_order_relaxed);
   if (!offered_) return;
-  (void)pool_.submit(worker, [state = state_, task = &task] {
-    if (!task->claimed.exchange(true, std::memory_order_acq_rel)) state->run(*task);
-  }, nullptr);
+  (void)pool_.submit(worker, Offer{state_, &task}, nullptr);
 }
 
 void TaskSet::wait(int64_t slow_ms, const std::function<void()>& on_slow) {

@@ -66,6 +66,17 @@ class TaskSet {
     void run(Task& task);
   };
 
+  // A task as a worker's queue holds it; once the caller has run the task itself it is
+  // left behind in the queue and counts as nothing queued.
+  struct Offer {
+    std::shared_ptr<State> state;
+    Task* task;
+    void operator()() const {
+      if (!task->claimed.exchange(true, std::memory_order_acq_rel)) state->run(*task);
+    }
+    bool obsolete() const { return task->claimed.load(std::memory_order_acquire); }
+  };
+
   ThreadPool& pool_;
   HelpGauge* gauge_;
   bool offered_;

@@ -95,7 +95,9 @@ void TaskQueue::stop() {
 
 uint64_t TaskQueue::queued() {
   std::lock_guard lock(mutex_);
-  return (tail_ + kCapacity - head_) % kCapacity;
+  uint64_t count = 0;
+  for (uint64_t i = head_; i != tail_; i = (i + 1) % kCapacity) count += slots_[i] && !slots_[i]->obsolete() ? 1 : 0;
+  return count;
 }
 
 uint64_t ThreadPool::default_thread_count() {

@@ -1,3 +1,4 @@
+#include "op/task_set.h"
 #include "op/thread_pool.h"
 
 #include <atomic>
@@ -115,6 +116,13 @@ TEST(ThreadPool, TerminateAbandonsQueuedWorkAndReportsIt) {
     ASSERT_TRUE(pool.submit(0, [&] { gate.enter(); finished = true; }).is_ok());
     gate.wait_entered();
     for (int i = 0; i < 3; ++i) queued.push_back(pool.submit(0, [i] { return i; }).unwrap());
+    // Tasks of a set that the calling thread ran itself are left in the queue, but as
+    // nothing: they are not reported.
+    int ranByCaller = 0;
+    TaskSet set(pool);
+    for (int i = 0; i < 2; ++i) set.submit(0, [&] { ++ranByCaller; });
+    set.wait(0, {});
+    EXPECT_EQ(ranByCaller, 2);
     std::thread opener([&] {
       std::this_thread::sleep_for(std::chrono::milliseconds(50));
       gate.open();
