@@ -331,6 +331,28 @@ void FloorDetector::refine(const FloorHypothesis& from, FloorHypothesis& to, con
   if (refX >= 0) compute_world_plane(to, refX, refShift);
 }
 
+bool FloorDetector::world_point(double x, double y, double s, double p[3]) const {
+  const double t = s + 0.5;
+  if (!(t >= 1.0 && t < double(shiftToDepthLength_ - 1))) return false;
+  const int32_t i = int32_t(t);
+  const double d0 = depth_of(i), d1 = depth_of(i + 1);
+  if (d0 == 0 || d1 == 0) return false;
+  const double depth = d0 + (t - i) * (d1 - d0);
+  const double size = depth * mapper_->pixelSize[1];  // pixel size grows linearly with depth
+  p[0] = (x - mapper_->centerX) * size, p[1] = (mapper_->centerY - y) * size, p[2] = depth;
+  return true;
+}
+
+bool FloorDetector::normal_of(const double a[3], const double b[3], const double c[3], double n[3]) {
+  const double u[3] = {b[0] - a[0], b[1] - a[1], b[2] - a[2]}, v[3] = {c[0] - a[0], c[1] - a[1], c[2] - a[2]};
+  n[0] = u[1] * v[2] - u[2] * v[1], n[1] = u[2] * v[0] - u[0] * v[2], n[2] = u[0] * v[1] - u[1] * v[0];
+  const double length = std::sqrt(n[0] * n[0] + n[1] * n[1] + n[2] * n[2]);
+  if (!(length > 1e-9)) return false;
+  const double sign = n[1] < 0 ? -1.0 : 1.0;
+  for (int k = 0; k < 3; ++k) n[k] *= sign / length;
+  return true;
+}
+
 void FloorDetector::compute_world_plane(FloorHypothesis& h, int32_t x0, int32_t s0) const {
   if (!term_index(s0)) {
     h.normal[0] = 1, h.normal[1] = 0, h.normal[2] = 0;
@@ -343,6 +365,20 @@ void FloorDetector::compute_world_plane(FloorHypothesis& h, int32_t x0, int32_t 
   double n[3] = {ft * h.a, ft * h.b, (h.b * yc + h.a * xc) * inverseDepthTerm_[size_t(s0)] - curvatureTerm_[size_t(s0)]};
   normalise(n);
   if (n[1] < 0) n[0] = -n[0], n[1] = -n[1], n[2] = -n[2];
+  // The fixed shift model above leans the normal by a few degrees, the more the farther the
+  // floor: a camera high up and pitched well within the tilt limit lost its floor to it. The
+  // tilt is judged on the normal through the camera's own tables instead, from three of the
+  // plane's points across the bottom third where the floor is looked for; the model's
+  // normal stays where those points have no depth.
+  const double xs[3] = {width_ / 4.0, 3.0 * width_ / 4.0, width_ / 2.0};
+  const double ys[3] = {height_ - 1.0, height_ - 1.0, 2.0 * height_ / 3.0};
+  double corner[3][3], measured[3];
+  bool onTables = true;
+  for (int i = 0; i < 3 && onTables; ++i)
+    onTables = world_point(xs[i], ys[i], h.a * xs[i] + h.b * ys[i] + h.c, corner[i]);
+  if (onTables && normal_of(corner[0], corner[1], corner[2], measured)) {
+    n[0] = measured[0], n[1] = measured[1], n[2] = measured[2];
+  }
   h.normal[0] = n[0], h.normal[1] = n[1], h.normal[2] = n[2];
 
   const uint16_t z0 = depth_of(s0);

@@ -75,6 +75,12 @@ class FloorDetector {
   uint16_t depth_of(int32_t s) const {
     return s >= 0 && uint32_t(s) < shiftToDepthLength_ ? shiftToDepth_[s] : uint16_t{0};
   }
+  // World point (mm) of pixel (x, y) at shift `s` through the camera's own tables, the shift
+  // taken at the middle of its depth step; false where the tables have no depth for it.
+  bool world_point(double x, double y, double s, double p[3]) const;
+  // Unit normal, vertical component >= 0, of the plane through three world points; false
+  // when they do not span one.
+  static bool normal_of(const double a[3], const double b[3], const double c[3], double n[3]);
 
   uint32_t width_ = 0, height_ = 0;
   const skeleton::SegCoordinateMapper<double>* mapper_ = nullptr;

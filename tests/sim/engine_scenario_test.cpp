@@ -3,6 +3,7 @@
 
 #include <cmath>
 #include <map>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -19,7 +20,9 @@ using skeleton::UserAnalyzer;
 
 struct Replay {
   explicit Replay(const std::string& name, int people, uint64_t seed, int frames)
-      : scenario(Scenario::make({name, people, 160, 120, frames, seed, false, 30.f})),
+      : Replay(Scenario::make({name, people, 160, 120, frames, seed, false, 30.f})) {}
+  explicit Replay(Scenario s)
+      : scenario(std::move(s)),
         renderer(scenario),
         analyzer(58.59f, 45.64f, 160, 120),
         tables(skeleton::build_conversion_tables({})) {}
@@ -62,9 +65,20 @@ struct Replay {
 };
 
 TEST(EngineOnRecordings, FloorWithinTwoDegrees) {
-  for (uint64_t seed : {3u, 11u, 21u}) {
-    SCOPED_TRACE(seed);
-    Replay run("empty-room", 0, seed, 40);
+  // The room's own camera, and cameras put high or low and pitched down (degrees) within
+  // the floor's tilt limit: a camera at 2.1 m pitched 10 degrees lost its floor to the
+  // fixed shift model's lean.
+  struct Case {
+    uint64_t seed;
+    float height, pitchDeg;  // height 0: the scenario's own camera
+  };
+  for (const Case& c : {Case{3, 0, 0}, Case{11, 0, 0}, Case{21, 0, 0}, Case{4, 2100, 10}, Case{5, 2500, 13},
+                        Case{6, 500, 0}, Case{7, 1600, 12}}) {
+    SCOPED_TRACE(testing::Message() << "seed " << c.seed << ", camera " << c.height << " mm, " << c.pitchDeg);
+    Scenario named = Scenario::make({"empty-room", 0, 160, 120, 40, c.seed, false, 30.f});
+    CameraSetup camera = named.camera();
+    if (c.height > 0) camera.position.y = c.height, camera.pitch = deg(c.pitchDeg), camera.roll = 0;
+    Replay run(Scenario(named.options(), camera, named.room(), {}));
     for (int i = 0; i < 40; ++i) run.step();
     ASSERT_TRUE(run.analyzer.floorDetected());
     const auto& n = run.analyzer.floorPlane();
