@@ -19,6 +19,7 @@
 #include <gtest/gtest.h>
 
 #include "quorvik/body_tracking.h"
+#include "support/proc_status.h"
 
 namespace {
 
@@ -394,8 +395,6 @@ TEST(TrackerThreads, IndependentTrackersOnSeveralThreads) {
 }
 
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
-long status_kib(const char* field);
-
 // One arena, and every large block mapped on its own, so that the workers' allocations
 // count against an address space limit instead of coming out of a heap reserved earlier.
 void count_every_allocation() {
@@ -501,20 +500,6 @@ TEST(TrackerDeathTest, AFailedBuildIsReportedAndTheNextUpdateBuildsAgain) {
   EXPECT_EXIT(update_with_the_address_space_nearly_used_up(), ::testing::ExitedWithCode(0), "");
 }
 #endif
-
-long status_kib(const char* field) {
-  std::ifstream status("/proc/self/status");
-  std::string key;
-  while (status >> key) {
-    if (key == field) {
-      long kib = 0;
-      status >> kib;
-      return kib;
-    }
-    status.ignore(1 << 12, '\n');
-  }
-  return 0;
-}
 
 long resident_kib() { return status_kib("VmRSS:"); }
 

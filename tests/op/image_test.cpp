@@ -9,29 +9,17 @@
 
 #include <gtest/gtest.h>
 
+#include "support/proc_status.h"
+
 namespace op {
 namespace {
 
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
-rlim_t address_space_in_use() {
-  std::ifstream status("/proc/self/status");
-  std::string key;
-  while (status >> key) {
-    if (key == "VmSize:") {
-      rlim_t kib = 0;
-      status >> kib;
-      return kib * 1024;
-    }
-    status.ignore(1 << 12, '\n');
-  }
-  return 0;
-}
-
 // A size change whose buffer cannot be had must leave the image as it was: a new size over
 // the old buffer would have the next frame of that size written far past its end.
 void grow_beyond_the_limit() {
   Image<uint16_t> image(160, 120);
-  const rlimit limit{address_space_in_use() + (16u << 20), RLIM_INFINITY};
+  const rlimit limit{rlim_t(status_kib("VmSize:")) * 1024 + (16u << 20), RLIM_INFINITY};
   setrlimit(RLIMIT_AS, &limit);
   try {
     image.resize(10240, 7680);

@@ -15,6 +15,8 @@
 
 #include <gtest/gtest.h>
 
+#include "support/proc_status.h"
+
 namespace op {
 namespace {
 
@@ -158,25 +160,10 @@ TEST(ThreadPool, AThrowingActionDoesNotKillItsWorker) {
 }
 
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
-// Address space in use now, in bytes.
-rlim_t address_space_in_use() {
-  std::ifstream status("/proc/self/status");
-  std::string key;
-  while (status >> key) {
-    if (key == "VmSize:") {
-      rlim_t kib = 0;
-      status >> kib;
-      return kib * 1024;
-    }
-    status.ignore(1 << 12, '\n');
-  }
-  return 0;
-}
-
 // With room for a few thread stacks only, the system refuses the rest: the pool must give
 // back the error, not end the process with threads it could no longer join.
 void start_more_threads_than_fit() {
-  const rlimit limit{address_space_in_use() + (48u << 20), RLIM_INFINITY};
+  const rlimit limit{rlim_t(status_kib("VmSize:")) * 1024 + (48u << 20), RLIM_INFINITY};
   setrlimit(RLIMIT_AS, &limit);
   try {
     ThreadPool pool(64);

@@ -219,4 +219,20 @@ void RecordingFolder::finish() {
   if (!out) throw CliError(kExitOutput, "cannot write " + dir_ + "/recording.json");
 }
 
+skeleton::ShiftConversionParams shift_params_of(const qbt_bodytracker_options_t& o) {
+  skeleton::ShiftConversionParams p;
+  p.zeroPlaneDistance = o.zeroPlaneDistance;
+  p.zeroPlanePixelSize = o.zeroPlanePixelSize;
+  p.emitterDcmosDistance = o.emitterDcmosDistance;
+  p.maxShiftValue = o.maxShiftValue;
+  p.deviceMaxDepth = o.deviceMaxDepth;
+  p.constShift = o.constShift;
+  p.pixelSizeFactor = o.pixelSizeFactor;
+  p.paramCoeff = o.paramCoeff;
+  p.shiftScale = o.shiftScale;
+  p.minDepth = o.minDepth;
+  p.maxDepth = o.maxDepth;
+  return p;
+}
+
 }  // namespace quorvik::cli

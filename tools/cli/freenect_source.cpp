@@ -61,20 +61,7 @@ class FreenectSource : public FrameSource {
     size_ = {kWidth, kHeight};
     description_ = "libfreenect device 0";
     read_constants(device_, camera_);
-    const qbt_bodytracker_options_t& o = camera_.options;
-    skeleton::ShiftConversionParams p;
-    p.zeroPlaneDistance = o.zeroPlaneDistance;
-    p.zeroPlanePixelSize = o.zeroPlanePixelSize;
-    p.emitterDcmosDistance = o.emitterDcmosDistance;
-    p.maxShiftValue = o.maxShiftValue;
-    p.deviceMaxDepth = o.deviceMaxDepth;
-    p.constShift = o.constShift;
-    p.pixelSizeFactor = o.pixelSizeFactor;
-    p.paramCoeff = o.paramCoeff;
-    p.shiftScale = o.shiftScale;
-    p.minDepth = o.minDepth;
-    p.maxDepth = o.maxDepth;
-    tables_ = skeleton::build_conversion_tables(p);
+    tables_ = skeleton::build_conversion_tables(shift_params_of(camera_.options));
 
     freenect_set_user(device_, this);
     freenect_set_depth_callback(device_, &FreenectSource::on_depth);

@@ -184,19 +184,7 @@ class DepthStream {
       report("shiftScale");
     }
     if (format_ == openni::PIXEL_FORMAT_SHIFT_9_2 || format_ == openni::PIXEL_FORMAT_SHIFT_9_3) {
-      skeleton::ShiftConversionParams p;
-      p.zeroPlaneDistance = o.zeroPlaneDistance;
-      p.zeroPlanePixelSize = o.zeroPlanePixelSize;
-      p.emitterDcmosDistance = o.emitterDcmosDistance;
-      p.maxShiftValue = o.maxShiftValue;
-      p.deviceMaxDepth = o.deviceMaxDepth;
-      p.constShift = o.constShift;
-      p.pixelSizeFactor = o.pixelSizeFactor;
-      p.paramCoeff = o.paramCoeff;
-      p.shiftScale = o.shiftScale;
-      p.minDepth = o.minDepth;
-      p.maxDepth = o.maxDepth;
-      tables_ = skeleton::build_conversion_tables(p);
+      tables_ = skeleton::build_conversion_tables(shift_params_of(o));
     } else if (format_ != openni::PIXEL_FORMAT_DEPTH_1_MM && format_ != openni::PIXEL_FORMAT_DEPTH_100_UM) {
       throw CliError(kExitInput, fmt::format("the depth stream delivers pixel format {}, which is not depth",
                                              static_cast<int>(format_)));

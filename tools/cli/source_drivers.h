@@ -5,8 +5,13 @@
 #include <string>
 
 #include "frame_source.h"
+#include "segmentation/depth_conversion.h"
 
 namespace quorvik::cli {
+
+// The shift-conversion constants of a camera's options, for the library's own tables: the
+// drivers that hand out raw disparity are read through them.
+skeleton::ShiftConversionParams shift_params_of(const qbt_bodytracker_options_t& o);
 
 #ifdef QBT_CLI_WITH_OPENNI2
 // `uri` empty: the first OpenNI2 device; else a .oni file, played at its recorded rate.
