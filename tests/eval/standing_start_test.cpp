@@ -4,6 +4,7 @@
 
 #include <cmath>
 #include <string>
+#include <utility>
 
 #include <gtest/gtest.h>
 
@@ -23,6 +24,15 @@ skeleton::DecisionForest shipped_forest() {
   auto forest = skeleton::load_forest(std::string(QBT_SOURCE_DIR) + "/data/QuorvikBodyTracking.data");
   if (!forest.is_ok()) ADD_FAILURE() << "the shipped forest does not load";
   return forest.is_ok() ? forest.unwrap() : skeleton::DecisionForest{};
+}
+
+// The camera and the walls of an empty room drawn with `o`'s seed, without furniture.
+std::pair<sim::CameraSetup, sim::Room> bare_room(sim::ScenarioOptions& o) {
+  o.name = "empty-room";
+  const sim::Scenario empty = sim::Scenario::make(o);
+  sim::Room room = empty.room();
+  room.furniture.clear();
+  return {empty.camera(), room};
 }
 
 struct Outcome {
@@ -81,13 +91,10 @@ TEST(StandingStart, StillOrMovingOnePersonBecomesOneBodyWithin45Frames) {
 TEST(StandingStart, PersonSizedColumnsAreNoBodies) {
   const skeleton::DecisionForest forest = shipped_forest();
   sim::ScenarioOptions o;
-  o.name = "empty-room";
   o.frames = 90;
   o.seed = 34;
-  const sim::Scenario empty = sim::Scenario::make(o);
-  const sim::CameraSetup& camera = empty.camera();
-  sim::Room room = empty.room();
-  room.furniture.clear();
+  const auto [camera, bare] = bare_room(o);
+  sim::Room room = bare;
   // A stack of boxes as wide and as tall as a person, and a narrower, taller column (a coat
   // stand), standing free in front of the camera.
   sim::Furniture stack, column;
@@ -107,14 +114,10 @@ TEST(StandingStart, PersonSizedColumnsAreNoBodies) {
 TEST(StandingStart, SidesStayTrueThroughATurnAway) {
   const skeleton::DecisionForest forest = shipped_forest();
   sim::ScenarioOptions o;
-  o.name = "empty-room";
   o.width = 320, o.height = 240;
   o.frames = 330;
   o.seed = 35;
-  const sim::Scenario empty = sim::Scenario::make(o);
-  const sim::CameraSetup& camera = empty.camera();
-  sim::Room room = empty.room();
-  room.furniture.clear();
+  const auto [camera, room] = bare_room(o);
   // Not quite half a turn, so that the direction of each turn is known.
   for (const float turn : {3.0f, -3.0f}) {
     SCOPED_TRACE(testing::Message() << "turning by " << turn);
