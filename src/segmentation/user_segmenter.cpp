@@ -664,6 +664,85 @@ void UserSegmenter::rebuild_handed_back() {
   }
 }
 
+// Inside the regions a pair shares, the pixels are split again by surface: neighbours join
+// only within a few centimetres of depth, with no shift tolerance, so that a person who
+// stands behind the other comes apart from them. Each user of the pair claims the surface
+// holding most of its previous pixels; a surface that only one of the two claims goes to
+// it whole. Without this, pixels that one person took from the other while they stood at
+// the same depth keep their wrong id as long as they stay still, because a previous label
+// is carried wherever the depth does not change. Votes count only where the depth stayed,
+// as the carry-over's do: what a passer-by uncovers is not theirs.
+void UserSegmenter::claim_pair_surfaces() {
+  const Array2D<uint16_t>& labels = labelRing_.current();
+  const Array2D<uint16_t>& previous = labelRing_.back(1);
+  uint32_t next = 0;
+  for (int32_t y = 0; y < height_; ++y) {
+    const uint16_t* l = labels.row(y);
+    const uint16_t* d = labellingDepth_.row(y);
+    uint32_t* p = provisional_.row(y);
+    const uint16_t* lu = y > 0 ? labels.row(y - 1) : nullptr;
+    const uint16_t* du = y > 0 ? labellingDepth_.row(y - 1) : nullptr;
+    const uint32_t* pu = y > 0 ? provisional_.row(y - 1) : nullptr;
+    for (int32_t x = 0; x < width_; ++x) {
+      p[x] = 0;
+      const int32_t r = l[x];
+      if (r == 0 || r > regionCount_ || cutEvent_[r] < 0 || d[x] >= kPushDepth) continue;
+      uint32_t label = 0;
+      if (x > 0 && p[x - 1] != 0 && cutEvent_[l[x - 1]] == cutEvent_[r] && absdiff(d[x], d[x - 1]) <= kSurfaceJoin)
+        label = find_root(parent_, p[x - 1]);
+      if (pu != nullptr && pu[x] != 0 && cutEvent_[lu[x]] == cutEvent_[r] && absdiff(d[x], du[x]) <= kSurfaceJoin)
+        label = label == 0 ? find_root(parent_, pu[x]) : unite(parent_, label, pu[x]);
+      if (label == 0) {
+        label = ++next;
+        parent_[label] = label;
+      }
+      p[x] = label;
+    }
+  }
+  surfaceOwner_.assign(size_t(next) + 1, 0);
+  if (next == 0) return;
+  surfaceVotes_.assign(2 * (size_t(next) + 1), 0);
+  surfaceEvent_.assign(size_t(next) + 1, -1);
+  for (int32_t y = 0; y < height_; ++y) {
+    const uint16_t* l = labels.row(y);
+    const uint16_t* prev = previous.row(y);
+    const uint32_t* p = provisional_.row(y);
+    const uint8_t* same = unchangedNear_.row(y);
+    for (int32_t x = 0; x < width_; ++x) {
+      if (p[x] == 0) continue;
+      const uint32_t root = find_root(parent_, p[x]);
+      const PairEvent& event = pairs_[cutEvent_[l[x]]];
+      surfaceEvent_[root] = cutEvent_[l[x]];
+      if (same[x] == 0) continue;
+      if (prev[x] == event.first) ++surfaceVotes_[2 * root];
+      if (prev[x] == event.second) ++surfaceVotes_[2 * root + 1];
+    }
+  }
+  struct Core {
+    uint32_t surface = 0;
+    int32_t votes = 0;
+  };
+  Core cores[kMaxPairs][2] = {};
+  for (uint32_t root = 1; root <= next; ++root) {
+    const int32_t e = surfaceEvent_[root];
+    if (e < 0) continue;
+    for (int k = 0; k < 2; ++k) {
+      const int32_t votes = surfaceVotes_[2 * root + size_t(k)];
+      if (votes > cores[e][k].votes) cores[e][k] = {root, votes};
+    }
+  }
+  for (int32_t e = 0; e < kMaxPairs; ++e) {
+    const uint32_t a = cores[e][0].surface, b = cores[e][1].surface;
+    if (a != 0 && a != b) surfaceOwner_[a] = uint8_t(pairs_[e].first);
+    if (b != 0 && a != b) surfaceOwner_[b] = uint8_t(pairs_[e].second);
+  }
+}
+
+uint8_t UserSegmenter::surface_owner(int32_t x, int32_t y) {
+  const uint32_t label = provisional_.row(y)[x];
+  return label == 0 ? 0 : surfaceOwner_[find_root(parent_, label)];
+}
+
 // ---------------------------------------------------------------------------------------
 // Users: creation, removal, regions
 

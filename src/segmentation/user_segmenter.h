@@ -218,6 +218,8 @@ class UserSegmenter {
   void attach_unowned_regions();
   void update_users();
   void relabel();
+  void claim_pair_surfaces();
+  uint8_t surface_owner(int32_t x, int32_t y);
   void measure_users();
   void check_shapes();
 
@@ -254,6 +256,10 @@ class UserSegmenter {
   uint32_t owner_[kMaxRegions] = {};
   int64_t overlapTotals_[kMaxUsers + 1][kMaxUsers + 1] = {};
   int8_t cutEvent_[kMaxRegions] = {};
+  // Surfaces inside the regions a pair shares (labels in provisional_, sets in parent_).
+  std::vector<uint8_t> surfaceOwner_;
+  std::vector<int32_t> surfaceVotes_;
+  std::vector<int8_t> surfaceEvent_;
   ValidBox box_;  // valid box of the frame, clamped to the image; empty when left > right
   UserRecord users_[kMaxUsers + 1];
   PairEvent pairs_[kMaxPairs];

@@ -85,6 +85,7 @@ inline constexpr int32_t kUnchangedMm = 100;
 inline constexpr int64_t kPairOverlap = 100001;        // mm2
 inline constexpr int64_t kSmallStaticRegion = 5000;    // mm2
 inline constexpr int64_t kHandBackForeground = 50001;  // mm2
+inline constexpr int32_t kSurfaceJoin = 60;           // mm between neighbours of one surface in a pair's cut
 inline constexpr int64_t kPairedAreaLimit = 2000000;   // mm2
 inline constexpr int64_t kAreaLimit = 1500000;         // mm2
 inline constexpr int64_t kLostArea = 1500;             // mm2

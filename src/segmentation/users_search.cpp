@@ -639,9 +639,9 @@ void UserSegmenter::update_users() {
 
 // Relabelling, with the pair boundaries cut and the users' pixels measured in the same pass.
 // Inside a region that the first user of a pair owns and that covers pixels of the second
-// user's previous frame, a pixel goes to the second user when the second user had it
-// before, or when neither of the two had it and it lies on the second user's side of the
-// split column.
+// user's previous frame, a pixel on a surface that only one of the two claims goes to that
+// one; any other pixel goes to the second user when the second user had it before, or when
+// neither of the two had it and it lies on the second user's side of the split column.
 void UserSegmenter::relabel() {
   for (int32_t r = 1; r <= regionCount_; ++r) {
     if (owner_[r] != 0 && !users_[owner_[r]].active) owner_[r] = 0;
@@ -656,6 +656,9 @@ void UserSegmenter::relabel() {
       if (regions_[r].overlap[event.second] > 0) cutEvent_[r] = int8_t(e);
     }
   }
+  bool anyCut = false;
+  for (int32_t r = 1; r <= regionCount_ && !anyCut; ++r) anyCut = cutEvent_[r] >= 0;
+  if (anyCut) claim_pair_surfaces();
   for (LabelSums& m : labelSums_) m = LabelSums{};
   Array2D<uint16_t>& labels = labelRing_.current();
   const Array2D<uint16_t>& previous = labelRing_.back(1);
@@ -675,7 +678,9 @@ void UserSegmenter::relabel() {
       if (o == 0 && seed != nullptr && seed[x] != 0) o = uint32_t(seedUser_);
       if (o != 0 && cutEvent_[r] >= 0) {
         const PairEvent& event = pairs_[cutEvent_[r]];
-        if (p[x] == event.second) {
+        if (const uint8_t surface = anyCut ? surface_owner(x, y) : 0; surface != 0) {
+          o = surface;
+        } else if (p[x] == event.second) {
           o = uint32_t(event.second);
         } else if (p[x] != event.first && (x < event.splitColumn) == event.secondOnLeft) {
           o = uint32_t(event.second);

@@ -101,6 +101,8 @@ std::vector<EvalCase> full_cases() {
       make_case("turn at start 640", "turn", 1, 640, 360, 138, false),
       make_case("crossing 2", "crossing", 2, 320, 300, 113, false),
       make_case("crossing 3 mirrored", "crossing", 3, 640, 300, 114, true),
+      make_case("mixed 2", "mixed", 2, 320, 450, 124, false),
+      make_case("mixed 3 mirrored", "mixed", 3, 640, 450, 125, true),
       make_case("furniture-moved", "furniture-moved", 1, 320, 360, 115, false),
       make_case("empty-room", "empty-room", 0, 320, 240, 116, false),
       with_camera(make_case("camera 0.6 m", "walk-in", 1, 320, 300, 117, false), 600.f, std::nullopt),
