@@ -120,13 +120,19 @@ void UserSegmenter::reacquire_lost_users() {
   bool taken[kMaxUsers + 1] = {};
   for (int32_t gi = 0; gi < groupCount_; ++gi) {
     const Group& g = groups_[gi];
-    if (g.area < kReacquireArea) continue;
+    // Someone coming back shows their full height, if only as a sliver; a piece of less
+    // height is more likely an arm or a leg of a person beside them.
+    if (g.area < kReacquireArea || g.height < kPersonHeight) continue;
     int32_t best = 0;
     double bestDistance = 0;
     const bool groupLeft = g.minX <= kBorderColumns, groupRight = g.maxX >= width_ - 1 - kBorderColumns;
     for (int32_t id = 1; id <= kMaxUsers; ++id) {
       const UserRecord& u = users_[id];
-      if (!u.active || u.area >= kLostArea || u.secondOfPair || !u.seen || taken[id]) continue;
+      // After two seconds out of sight whoever appears is someone new.
+      if (!u.active || u.area >= kLostArea || u.secondOfPair || !u.seen || taken[id] ||
+          u.framesUnseen > kReacquireFrames) {
+        continue;
+      }
       const double dz = g.meanDepth - u.position.z, dx = g.worldX - u.position.x;
       if (std::abs(dz) > kReacquireDepth) continue;
       // A user last seen at the side of the image walked out of view: only someone coming
