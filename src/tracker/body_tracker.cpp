@@ -26,6 +26,7 @@ uint8_t bands_of(uint8_t label, const std::array<uint8_t, 32>& bands) { return l
 constexpr std::array<std::pair<uint8_t, uint8_t>, 12> kSidePairs = {{{2, 4}, {3, 5}, {7, 8}, {9, 12}, {10, 13},
                                                                       {11, 14}, {15, 16}, {17, 18}, {19, 20},
                                                                       {22, 23}, {24, 25}, {26, 27}}};
+constexpr std::array<std::pair<uint8_t, uint8_t>, 5> kArmPairs = {{{2, 4}, {3, 5}, {7, 8}, {22, 23}, {26, 27}}};
 uint8_t mirror_label(uint8_t label) {
   for (const auto& [left, right] : kSidePairs) {
     if (label == left) return right;
@@ -59,6 +60,8 @@ constexpr int kProfileFrames = 2;       // without a clear axis, at least, in a 
 constexpr float kWalkSmoothing = 0.2f;  // of each frame's torso step taken into the walking pace
 constexpr float kWalkSpeed = 15.f;      // mm a frame, about half a metre a second at 30 frames a second
 constexpr float kWalkLevel = 0.5f;  // of the walking pace, at most, up or down: sitting down is no walk
+constexpr float kProfileSin = 0.8f;     // sine of the facing angle, at least, for a profile
+constexpr float kProfileMiddle = 120.f;  // mm from the torso's visible surface to the body's middle
 constexpr float kWalkAlong = 0.7f;      // cosine of the walking direction to the line of sight, at least
 
 // Report order of the joints: the order of a user's joint table and of a body's joints.
@@ -314,8 +317,11 @@ void BodyTracker::follow_facing(TrackedUser& user) {
   // sideways without turning, and sitting down or standing up moves the torso too.
   const float walkSpeed = std::hypot(user.walkX, user.walkZ);
   const float walking = std::atan2(user.walkX, -user.walkZ);
-  const bool walksAlong = walkSpeed >= kWalkSpeed && std::abs(std::cos(walking)) >= kWalkAlong &&
-                          std::abs(user.walkY) < kWalkLevel * walkSpeed;
+  const bool level = walkSpeed >= kWalkSpeed && std::abs(user.walkY) < kWalkLevel * walkSpeed;
+  const bool walksAlong = level && std::abs(std::cos(walking)) >= kWalkAlong;
+  // Walking across the view the person shows a profile, and the torso's visible surface
+  // lies across the view whatever the shoulders do: only the walking direction tells.
+  const bool walksAcross = level && std::abs(std::sin(walking)) >= kWalkAlong;
 
   // Only a clearly elongated spread has a direction.
   const double spread = std::sqrt((cxx - czz) * (cxx - czz) + 4 * cxz * cxz), total = cxx + czz;
@@ -356,7 +362,43 @@ void BodyTracker::follow_facing(TrackedUser& user) {
   if (axisSeen) user.lastAxis = axis;
   user.axisLost = axisSeen ? 0 : user.axisLost + 1;
   if (!std::isnan(user.sideYaw)) user.facingAway = std::abs(user.sideYaw) > kPi / 2;
+  // A walk across the view is a profile facing the way the person walks, until the torso
+  // shows its shoulder line again: a person who stops and turns may turn either way.
+  user.acrossFrames = walksAcross ? user.acrossFrames + 1 : 0;
+  if (user.acrossFrames >= kFacingSquareFrames)
+    user.acrossYaw = walking;
+  else if (axisSeen && !walksAcross)
+    user.acrossYaw = std::numeric_limits<float>::quiet_NaN();
   if (user.facingAway) mirror_sides(user);
+  if (!std::isnan(user.acrossYaw))
+    arms_by_depth(user, user.acrossYaw);
+  else if (!std::isnan(user.sideYaw) && std::abs(std::sin(user.sideYaw)) >= kProfileSin)
+    arms_by_depth(user, user.sideYaw);
+}
+
+// Seen in profile, the forest cannot tell the near arm from the far one, and its sides
+// drift; but the line between the sides then runs along the line of sight, and the near
+// arm is the one in front of the body's middle. Each arm pixel takes the side it lies on,
+// measured from a point just behind the torso's visible surface. The far arm keeps only what
+// shows beside the body, so its joints are reported weak or not at all instead of on the
+// near arm. The legs are left to the forest: a stride spreads them along the walk, and the
+// few centimetres between them in depth drown in the sensor's steps.
+void BodyTracker::arms_by_depth(const TrackedUser& user, float yaw) {
+  const float lx = std::cos(yaw), lz = std::sin(yaw);
+  const float cx = user.torsoX, cz = user.torsoZ + kProfileMiddle;
+  const uint32_t w = pixelLabels_.width(), h = pixelLabels_.height();
+  for (uint32_t y = 0; y < h; ++y) {
+    PixelLabel* p = pixelLabels_.row(y);
+    const uint8_t* id = userIdImage_.row(y);
+    const WorldPoint* world = worldPoints_.row(y);
+    for (uint32_t x = 0; x < w; ++x) {
+      if (id[x] != user.id || world[x].z <= 0.f) continue;
+      const bool left = (world[x].x - cx) * lx + (world[x].z - cz) * lz > 0.f;
+      for (const auto& [l, r] : kArmPairs) {
+        if (p[x].label == l || p[x].label == r) p[x].label = left ? l : r;
+      }
+    }
+  }
 }
 
 void BodyTracker::mirror_sides(const TrackedUser& user) {

@@ -41,6 +41,8 @@ struct TrackedUser : SegmentedUser {
   float lastAxis = std::numeric_limits<float>::quiet_NaN();  // the torso axis last seen (radians)
   int axisLost = 0;    // frames since the torso last showed a clear axis
   int walkFrames = 0;    // in a row walking towards or away from the camera, before the line is followed
+  int acrossFrames = 0;  // in a row walking across the view
+  float acrossYaw = std::numeric_limits<float>::quiet_NaN();  // the line while walking across
   // Torso centre (mm, camera frame) and its smoothed step per frame.
   bool torsoSeen = false;
   float torsoX = 0, torsoY = 0, torsoZ = 0, walkX = 0, walkY = 0, walkZ = 0;
@@ -81,6 +83,7 @@ class BodyTracker {
   // Follows which way the user faces and, while they face away, gives the body-part labels
   // of their pixels the sides they really have.
   void follow_facing(TrackedUser& user);
+  void arms_by_depth(const TrackedUser& user, float yaw);
   void mirror_sides(const TrackedUser& user);
 
   uint32_t blockWidth_;

@@ -160,5 +160,47 @@ TEST(StandingStart, SidesStayTrueThroughATurnAway) {
   }
 }
 
+// Walking across the view, a person shows a profile in which the forest cannot tell the near
+// arm from the far one; the arm joints reported as left must still be the left ones.
+TEST(StandingStart, ArmsKeepTheirSidesWalkingAcross) {
+  const skeleton::DecisionForest forest = shipped_forest();
+  sim::ScenarioOptions o;
+  o.width = 320, o.height = 240;
+  o.frames = 100;
+  o.seed = 36;
+  const auto [camera, room] = bare_room(o);
+  for (const float way : {1.f, -1.f}) {
+    SCOPED_TRACE(testing::Message() << "walking " << (way > 0 ? "right" : "left"));
+    sim::Actor person;
+    const float z = camera.position.z + 3000;
+    person.timeline = sim::Timeline(person.shape, camera.position.x - way * 1900, z, way * 1.57f);
+    person.timeline.walk_to(camera.position.x + way * 1900, z, 0.9f);
+    const sim::Scenario scenario(o, camera, room, {person});
+    sim::Renderer renderer(scenario);
+    skeleton::BodyTracker tracker(skeleton::TrackerOptions{}, copy_forest(forest), 160, 120);
+    tracker.isDepthMirrored = false;
+    sim::Frame frame;
+    int sides = 0, right = 0;
+    for (int i = 0; i < scenario.frame_count(); ++i) {
+      renderer.render(i, frame);
+      tracker.update(frame.depth.width(), frame.depth.height(), frame.depth.data()).unwrap();
+      if (frame.people.empty() || tracker.bodies().empty()) continue;
+      const sim::PersonTruth& truth = frame.people.front();
+      for (const auto& [type, joint] : tracker.bodies().front().joints) {
+        const bool arm = type >= 2 && type <= 7;
+        if (!arm || joint.status == skeleton::JointStatus::None) continue;
+        const auto distance = [&](uint8_t truthType) {
+          const skeleton::WorldPoint& p = truth.joints[truthType].camera;
+          return std::hypot(joint.worldPosition[0] - p.x, joint.worldPosition[1] - p.y, joint.worldPosition[2] - p.z);
+        };
+        ++sides;
+        right += distance(type) < distance(skeleton::mirror_joint(type)) ? 1 : 0;
+      }
+    }
+    ASSERT_GT(sides, 300);
+    EXPECT_GE(right, sides * 7 / 10);
+  }
+}
+
 }  // namespace
 }  // namespace quorvik::eval
