@@ -6,6 +6,7 @@
 
 #include <emmintrin.h>
 
+#include "op/union_find.h"
 #include "segmentation/min_filter.h"
 #include "segmentation/users_rules.h"
 
@@ -21,14 +22,6 @@ inline uint16_t saturating_increment(uint16_t v) { return v == 0xFFFF ? v : uint
 
 // Shift noise grows with the shift (far surfaces return fewer, noisier dots).
 inline int32_t steady_tolerance(int32_t shift) { return 2 + shift / 256; }
-
-int32_t find_root(std::vector<int32_t>& parent, int32_t i) {
-  while (parent[size_t(i)] != i) {
-    parent[size_t(i)] = parent[size_t(parent[size_t(i)])];
-    i = parent[size_t(i)];
-  }
-  return i;
-}
 
 // steady[i] + 1 (saturating) where the three shifts agree within the tolerance, else 0.
 // Eight pixels at a time; shifts stay below 32768.
@@ -53,16 +46,6 @@ void update_steady_runs(const uint16_t* c, const uint16_t* p, const uint16_t* pp
     const bool ok = c[i] != 0 && std::abs(int32_t(c[i]) - p[i]) <= tol && std::abs(int32_t(c[i]) - pp[i]) <= tol &&
                     std::abs(int32_t(p[i]) - pp[i]) <= tol;
     steady[i] = ok ? saturating_increment(steady[i]) : uint16_t{0};
-  }
-}
-
-void join(std::vector<int32_t>& parent, int32_t a, int32_t b) {
-  a = find_root(parent, a);
-  b = find_root(parent, b);
-  if (a < b) {
-    parent[size_t(b)] = a;
-  } else if (b < a) {
-    parent[size_t(a)] = b;
   }
 }
 
@@ -107,7 +90,7 @@ void BackgroundModel::allocate(int32_t w, int32_t h) {
   forgotten.resize(w, h);
   forgotten.clear();
   filterScratch_.resize(w + 16);
-  parent_.reserve(size_t(pixelCount) + 1);
+  regionSets_.reserve(pixelCount + 1);
   regions_.reserve(size_t(pixelCount) + 1);
 }
 
@@ -266,41 +249,20 @@ void BackgroundModel::mark_bodies(const BackgroundInputs& in) {
   constexpr double kBodyMaxHeightMm = users_rules::kPersonMaxHeight;
   constexpr int64_t kBodyMaxArea = users_rules::kPersonMaxArea;
 
-  parent_.assign(1, 0);
-  for (int32_t y = 0; y < height; ++y) {
-    const uint16_t* c = in.shift->row(y);
-    const uint16_t* raw = in.raw->row(y);
-    const uint16_t* b = background.row(y);
-    uint16_t* near = nearNext_.row(y);
-    const uint16_t* up = y > 0 ? nearNext_.row(y - 1) : nullptr;
-    int32_t* label = regionLabel.row(y);
-    const int32_t* labelUp = y > 0 ? regionLabel.row(y - 1) : nullptr;
-    for (int32_t x = 0; x < width; ++x) {
-      const bool isNear = c[x] != 0 && (b[x] == 0 || int32_t(c[x]) < int32_t(b[x]) - 3);
-      near[x] = isNear ? raw[x] : uint16_t{0};
-      label[x] = 0;
-      if (!isNear) continue;
-      int32_t own = 0;
-      if (x > 0 && label[x - 1] != 0 && std::abs(int32_t(near[x]) - near[x - 1]) <= kBodyJoinMm) own = label[x - 1];
-      if (up != nullptr && labelUp[x] != 0 && std::abs(int32_t(near[x]) - up[x]) <= kBodyJoinMm) {
-        if (own == 0) {
-          own = labelUp[x];
-        } else {
-          join(parent_, own, labelUp[x]);
-        }
-      }
-      if (own == 0) {
-        own = int32_t(parent_.size());
-        parent_.push_back(own);
-      }
-      label[x] = own;
-    }
-  }
-  if (parent_.size() <= 1) return;
+  const uint16_t* c = in.shift->data();
+  const uint16_t* b = background.data();
+  auto isNear = [&](int32_t i) { return c[i] != 0 && (b[i] == 0 || int32_t(c[i]) < int32_t(b[i]) - 3); };
+  const uint16_t* raw = in.raw->data();
+  uint16_t* near = nearNext_.data();
+  for (int32_t i = 0; i < pixelCount; ++i) near[i] = isNear(i) ? raw[i] : uint16_t{0};
+  regionSets_.reset(1);
+  op::label_components(regionSets_, regionLabel.data(), op::RasterWindow::whole(width, height), isNear,
+                       [&](int32_t i, int32_t n) { return std::abs(int32_t(near[i]) - near[n]) <= kBodyJoinMm; });
+  if (regionSets_.size() <= 1) return;
 
-  bodies_.assign(parent_.size(), BodySummary{});
+  bodies_.assign(size_t(regionSets_.size()), BodySummary{});
   for (int32_t y = 0; y < height; ++y) {
-    const uint16_t* near = nearNext_.row(y);
+    const uint16_t* nearRow = nearNext_.row(y);
     int32_t* label = regionLabel.row(y);
     // One run of pixels with the same provisional label at a time.
     for (int32_t x = 0; x < width;) {
@@ -309,13 +271,13 @@ void BackgroundModel::mark_bodies(const BackgroundInputs& in) {
         ++x;
         continue;
       }
-      const int32_t root = find_root(parent_, provisional);
+      const int32_t root = regionSets_.find(provisional);
       const int32_t start = x;
       int64_t area = 0, depthSum = 0;
       for (; x < width && label[x] == provisional; ++x) {
         label[x] = root;
-        area += area_of(near[x]);
-        depthSum += near[x];
+        area += area_of(nearRow[x]);
+        depthSum += nearRow[x];
       }
       BodySummary& r = bodies_[size_t(root)];
       r.area += area;
@@ -409,43 +371,22 @@ void BackgroundModel::validate_regions(const BackgroundInputs& in) {
   const Array2D<uint16_t>& pp = *in.shiftBefore;
   update_steady_runs(c.data(), p.data(), pp.data(), steadyRun.data(), pixelCount);
 
-  parent_.assign(1, 0);
-  for (int32_t y = 0; y < height; ++y) {
-    const uint16_t* near = nearChange.row(y);
-    const uint16_t* s = c.row(y);
-    int32_t* label = regionLabel.row(y);
-    const int32_t* up = y > 0 ? regionLabel.row(y - 1) : nullptr;
-    const uint16_t* sUp = y > 0 ? c.row(y - 1) : nullptr;
-    for (int32_t x = 0; x < width; ++x) {
-      label[x] = 0;
-      if (near[x] == 0) continue;
-      const int32_t tol = steady_tolerance(s[x]);
-      int32_t own = 0;
-      if (x > 0 && label[x - 1] != 0 && std::abs(int32_t(s[x]) - s[x - 1]) <= tol) own = label[x - 1];
-      if (up != nullptr && up[x] != 0 && std::abs(int32_t(s[x]) - sUp[x]) <= tol) {
-        if (own == 0) {
-          own = up[x];
-        } else {
-          join(parent_, own, up[x]);
-        }
-      }
-      if (own == 0) {
-        own = int32_t(parent_.size());
-        parent_.push_back(own);
-      }
-      label[x] = own;
-    }
-  }
-  if (parent_.size() <= 1) return;
+  const uint16_t* near = nearChange.data();
+  const uint16_t* s = c.data();
+  regionSets_.reset(1);
+  op::label_components(regionSets_, regionLabel.data(), op::RasterWindow::whole(width, height),
+                       [&](int32_t i) { return near[i] != 0; },
+                       [&](int32_t i, int32_t n) { return std::abs(int32_t(s[i]) - s[n]) <= steady_tolerance(s[i]); });
+  if (regionSets_.size() <= 1) return;
 
-  regions_.assign(parent_.size(), RegionSummary{0, 0xFFFF, false, true});
+  regions_.assign(size_t(regionSets_.size()), RegionSummary{0, 0xFFFF, false, true});
   const Array2D<uint16_t>* labels = in.labels;
   const bool labelsUsable = labels != nullptr && labels->width() == width && labels->height() == height;
   for (int32_t y = 0; y < height; ++y) {
     int32_t* label = regionLabel.row(y);
     for (int32_t x = 0; x < width; ++x) {
       if (label[x] == 0) continue;
-      const int32_t root = find_root(parent_, label[x]);
+      const int32_t root = regionSets_.find(label[x]);
       label[x] = root;
       RegionSummary& r = regions_[size_t(root)];
       const int32_t i = y * width + x;

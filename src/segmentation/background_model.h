@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "op/union_find.h"
 #include "segmentation/containers.h"
 #include "segmentation/depth_frame_input.h"
 #include "segmentation/seg_coordinate_mapper.h"
@@ -100,7 +101,7 @@ class BackgroundModel {
   uint32_t shiftToDepthLength_ = 0;
   const Mapper* mapper_ = nullptr;
   Array<int16_t> filterScratch_;
-  std::vector<int32_t> parent_;
+  op::UnionFind regionSets_;
   struct RegionSummary {
     int32_t pixels = 0;
     uint16_t minSteady = 0;
