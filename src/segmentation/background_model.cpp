@@ -4,10 +4,9 @@
 #include <cmath>
 #include <cstdlib>
 
-#include <emmintrin.h>
-
 #include "op/union_find.h"
 #include "segmentation/min_filter.h"
+#include "segmentation/sse2.h"
 #include "segmentation/users_rules.h"
 
 namespace quorvik::legacy {
@@ -23,10 +22,12 @@ inline uint16_t saturating_increment(uint16_t v) { return v == 0xFFFF ? v : uint
 // Shift noise grows with the shift (far surfaces return fewer, noisier dots).
 inline int32_t steady_tolerance(int32_t shift) { return 2 + shift / 256; }
 
-// steady[i] + 1 (saturating) where the three shifts agree within the tolerance, else 0.
-// Eight pixels at a time; shifts stay below 32768.
+}  // namespace
+
 void update_steady_runs(const uint16_t* c, const uint16_t* p, const uint16_t* pp, uint16_t* steady, int32_t n) {
   int32_t i = 0;
+#if QBT_SEGMENTATION_SSE2
+  // Eight pixels at a time; shifts stay below 32768.
   const __m128i zero = _mm_setzero_si128(), one = _mm_set1_epi16(1), two = _mm_set1_epi16(2);
   for (; i + 8 <= n; i += 8) {
     const __m128i vc = _mm_loadu_si128(reinterpret_cast<const __m128i*>(c + i));
@@ -41,6 +42,7 @@ void update_steady_runs(const uint16_t* c, const uint16_t* p, const uint16_t* pp
     const __m128i run = _mm_adds_epu16(_mm_loadu_si128(reinterpret_cast<const __m128i*>(steady + i)), one);
     _mm_storeu_si128(reinterpret_cast<__m128i*>(steady + i), _mm_andnot_si128(unsteady, run));
   }
+#endif
   for (; i < n; ++i) {
     const int32_t tol = steady_tolerance(c[i]);
     const bool ok = c[i] != 0 && std::abs(int32_t(c[i]) - p[i]) <= tol && std::abs(int32_t(c[i]) - pp[i]) <= tol &&
@@ -48,8 +50,6 @@ void update_steady_runs(const uint16_t* c, const uint16_t* p, const uint16_t* pp
     steady[i] = ok ? saturating_increment(steady[i]) : uint16_t{0};
   }
 }
-
-}  // namespace
 
 void BackgroundModel::start(int32_t w, int32_t h, const uint16_t* shiftToDepth, uint32_t length,
                             const Mapper* mapper) {

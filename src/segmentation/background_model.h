@@ -30,6 +30,10 @@ struct BackgroundInputs {
   const Mapper* mapper = nullptr;
 };
 
+// steady[i] + 1 (saturating) where the current shift c[i] is known and agrees with the two
+// before it, p[i] and pp[i], pairwise within 2 + c[i] / 256; else 0. Shifts stay below 32768.
+void update_steady_runs(const uint16_t* c, const uint16_t* p, const uint16_t* pp, uint16_t* steady, int32_t n);
+
 class BackgroundModel {
  public:
   static constexpr uint16_t kAcceptAny = 1;
