@@ -7,6 +7,7 @@
 #include "op/union_find.h"
 #include "segmentation/min_filter.h"
 #include "segmentation/sse2.h"
+#include "segmentation/user_ids.h"
 #include "segmentation/users_rules.h"
 
 namespace quorvik::legacy {
@@ -393,7 +394,7 @@ void BackgroundModel::validate_regions(const BackgroundInputs& in) {
       ++r.pixels;
       r.minSteady = std::min(r.minSteady, steadyRun[i]);
       if (background[i] != 0) r.unknownBehind = false;
-      if (labelsUsable && (*labels)[i] != 0) r.held = true;
+      if (labelsUsable && (*labels)[i] != kNobody) r.held = true;
       for (int32_t k = 0; k < in.userBoxCount && !r.held; ++k) {
         if (in.userBoxes[k].contains_pixel(x, y)) r.held = true;
       }
@@ -444,7 +445,7 @@ void BackgroundModel::forget(const Array2D<uint16_t>& labels, uint16_t id) {
 void BackgroundModel::absorb(const Array2D<uint16_t>& shift, const Array2D<uint16_t>& labels) {
   const bool labelsUsable = labels.same_shape(background);
   for (int32_t i = 0; i < pixelCount; ++i) {
-    const bool nobody = !labelsUsable || labels[i] == 0;
+    const bool nobody = !labelsUsable || labels[i] == kNobody;
     if (forgotten[i] != 0 && nobody && steadyRun[i] >= kRelearnFrames) {
       background[i] = shift[i];
       forgotten[i] = 0;
