@@ -12,8 +12,8 @@
 
 #include "classifier/arch/dispatch.h"
 #include "classifier/classify_params.h"
+#include "classifier/user_statistics.h"
 #include "op/image.h"
-#include "segmentation/user_statistics.h"
 
 namespace quorvik::skeleton {
 

@@ -4,6 +4,9 @@
 #include <mutex>
 #include <string>
 
+#include "quorvik/body_tracking.h"
+#include "tracker/tracker_error.h"
+
 namespace quorvik::api {
 namespace {
 
@@ -25,31 +28,30 @@ void set_last_error(uint8_t code, const std::string& text) {
 
 }  // namespace
 
+// The public header keeps its codes as the contract; the library's list must agree with it.
+#define QBT_CHECK_PUBLIC_CODE(name, code, suffix, message)                                   \
+  static_assert(static_cast<int>(skeleton::TrackerError::name) == QBT_RESULT_##suffix, \
+                "TrackerError::" #name " differs from QBT_RESULT_" #suffix);
+QBT_TRACKER_ERRORS(QBT_CHECK_PUBLIC_CODE)
+QBT_CHECK_PUBLIC_CODE(Success, 0, SUCCESS, "")
+#undef QBT_CHECK_PUBLIC_CODE
+
 const char* error_message(uint8_t code) {
   switch (code) {
-    case 1: return "BodyFrame not released before calling update() or update_async(). ";
-    case 2: return "Data file not loaded: invalid format. ";
-    case 3: return "Data file not found. ";
-    case 4: return "AsyncBodyFrame does not match expected value. ";
-    case 5: return "AsyncBodyFrame is not available or frame was already taken. ";
-    case 6: return "Input depth map has an invalid size. Depth map size must be a multiple of 160x120. ";
-    case 7: return "Invalid parameter: ";
-    case 8: return "Result data already taken. ";
-    case 100: return "Internal error converting joint type. ";
-    case 101: return "Internal error converting joint status. ";
-    case 102: return "Internal error converting body status. ";
-    case 103: return "Internal unhandled exception: ";
-    case 104: return "Internal error resulted in a null body frame. ";
-    case 105: return "Internal error resulted in a full worker queue. ";
-    case 127: return "An unknown error occurred. ";
-    default: return nullptr;
+#define QBT_ERROR_MESSAGE_CASE(name, code, suffix, message) \
+  case code:                                                \
+    return message;
+    QBT_TRACKER_ERRORS(QBT_ERROR_MESSAGE_CASE)
+#undef QBT_ERROR_MESSAGE_CASE
+    default:
+      return nullptr;
   }
 }
 
 uint8_t report_error(std::string_view function, uint8_t code, std::string_view detail) {
   const char* message = error_message(code);
   if (message == nullptr) {
-    code = 127;
+    code = static_cast<uint8_t>(skeleton::TrackerError::UnknownError);
     message = "An unidentified unknown error occurred. ";
   }
   std::string text;

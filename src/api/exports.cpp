@@ -57,21 +57,28 @@ quorvik::skeleton::DepthView depth_view(const qbt_depthmap_t& map) {
   return {static_cast<int64_t>(map.width), static_cast<int64_t>(map.height), map.data};
 }
 
+// The option fields, public and internal side by side: the conversion and the defaults both
+// walk this one list, and the defaults themselves live only in TrackerOptions.
+template <typename Public, typename Internal, typename Copy>
+void each_option_field(Public& o, Internal& t, Copy&& copy) {
+  copy(o.horizontalFov, t.horizontalFovDegrees);
+  copy(o.verticalFov, t.verticalFovDegrees);
+  copy(o.zeroPlaneDistance, t.shift.zeroPlaneDistance);
+  copy(o.zeroPlanePixelSize, t.shift.zeroPlanePixelSize);
+  copy(o.emitterDcmosDistance, t.shift.emitterDcmosDistance);
+  copy(o.maxShiftValue, t.shift.maxShiftValue);
+  copy(o.deviceMaxDepth, t.shift.deviceMaxDepth);
+  copy(o.constShift, t.shift.constShift);
+  copy(o.pixelSizeFactor, t.shift.pixelSizeFactor);
+  copy(o.paramCoeff, t.shift.paramCoeff);
+  copy(o.shiftScale, t.shift.shiftScale);
+  copy(o.minDepth, t.shift.minDepth);
+  copy(o.maxDepth, t.shift.maxDepth);
+}
+
 quorvik::skeleton::TrackerOptions tracker_options(const qbt_bodytracker_options_t& o) {
   quorvik::skeleton::TrackerOptions options;
-  options.horizontalFovDegrees = o.horizontalFov;
-  options.verticalFovDegrees = o.verticalFov;
-  options.shift.zeroPlaneDistance = o.zeroPlaneDistance;
-  options.shift.zeroPlanePixelSize = o.zeroPlanePixelSize;
-  options.shift.emitterDcmosDistance = o.emitterDcmosDistance;
-  options.shift.maxShiftValue = o.maxShiftValue;
-  options.shift.deviceMaxDepth = o.deviceMaxDepth;
-  options.shift.constShift = o.constShift;
-  options.shift.pixelSizeFactor = o.pixelSizeFactor;
-  options.shift.paramCoeff = o.paramCoeff;
-  options.shift.shiftScale = o.shiftScale;
-  options.shift.minDepth = o.minDepth;
-  options.shift.maxDepth = o.maxDepth;
+  each_option_field(o, options, [](const auto& from, auto& to) { to = from; });
   if (o.dataFilePath != nullptr) options.dataFilePath = o.dataFilePath;
   return options;
 }
@@ -247,19 +254,8 @@ qbt_result_t qbt_bodytracker_destroy(qbt_bodytracker_t* bodyTracker) {
 qbt_result_t qbt_bodytracker_fill_default_options(qbt_bodytracker_options_t* options) {
   if (options == nullptr) return invalid("qbt_bodytracker_fill_default_options", "options is null");
   std::memset(options, 0, sizeof *options);
-  options->horizontalFov = 58.59f;
-  options->verticalFov = 45.64f;
-  options->zeroPlaneDistance = 130;
-  options->zeroPlanePixelSize = 0.113967f;
-  options->emitterDcmosDistance = 7.5f;
-  options->maxShiftValue = 2047;
-  options->deviceMaxDepth = 10000;
-  options->constShift = 200;
-  options->pixelSizeFactor = 1;
-  options->paramCoeff = 4;
-  options->shiftScale = 10;
-  options->minDepth = 0;
-  options->maxDepth = 10000;
+  const quorvik::skeleton::TrackerOptions defaults;
+  each_option_field(*options, defaults, [](auto& to, const auto& from) { to = from; });
   options->dataFilePath = nullptr;
   return QBT_RESULT_SUCCESS;
 }

@@ -3,8 +3,8 @@
 
 #include <cstdint>
 
+#include "classifier/user_statistics.h"
 #include "op/image.h"
-#include "segmentation/user_statistics.h"
 
 namespace op {
 class ThreadPool;

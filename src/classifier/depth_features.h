@@ -5,7 +5,7 @@
 
 #include <cstdint>
 
-#include "segmentation/user_statistics.h"
+#include "classifier/user_statistics.h"
 
 namespace quorvik::skeleton {
 

@@ -12,12 +12,12 @@
 
 #include "classifier/classify_params.h"
 #include "classifier/packed_forest.h"
-#include "classifier/pixel_label.h"
-#include "skeleton/region_box.h"
+#include "classifier/user_statistics.h"
 #include "forest/decision_forest.h"
 #include "op/image.h"
+#include "op/pixel_label.h"
+#include "op/region_box.h"
 #include "op/task_set.h"
-#include "segmentation/user_statistics.h"
 
 namespace spdlog {
 class logger;

@@ -4,9 +4,10 @@
 #include <cmath>
 #include <cstdlib>
 
-#include <emmintrin.h>
-
+#include "op/union_find.h"
 #include "segmentation/min_filter.h"
+#include "segmentation/sse2.h"
+#include "segmentation/user_ids.h"
 #include "segmentation/users_rules.h"
 
 namespace quorvik::legacy {
@@ -22,18 +23,12 @@ inline uint16_t saturating_increment(uint16_t v) { return v == 0xFFFF ? v : uint
 // Shift noise grows with the shift (far surfaces return fewer, noisier dots).
 inline int32_t steady_tolerance(int32_t shift) { return 2 + shift / 256; }
 
-int32_t find_root(std::vector<int32_t>& parent, int32_t i) {
-  while (parent[size_t(i)] != i) {
-    parent[size_t(i)] = parent[size_t(parent[size_t(i)])];
-    i = parent[size_t(i)];
-  }
-  return i;
-}
+}  // namespace
 
-// steady[i] + 1 (saturating) where the three shifts agree within the tolerance, else 0.
-// Eight pixels at a time; shifts stay below 32768.
 void update_steady_runs(const uint16_t* c, const uint16_t* p, const uint16_t* pp, uint16_t* steady, int32_t n) {
   int32_t i = 0;
+#if QBT_SEGMENTATION_SSE2
+  // Eight pixels at a time; shifts stay below 32768.
   const __m128i zero = _mm_setzero_si128(), one = _mm_set1_epi16(1), two = _mm_set1_epi16(2);
   for (; i + 8 <= n; i += 8) {
     const __m128i vc = _mm_loadu_si128(reinterpret_cast<const __m128i*>(c + i));
@@ -48,6 +43,7 @@ void update_steady_runs(const uint16_t* c, const uint16_t* p, const uint16_t* pp
     const __m128i run = _mm_adds_epu16(_mm_loadu_si128(reinterpret_cast<const __m128i*>(steady + i)), one);
     _mm_storeu_si128(reinterpret_cast<__m128i*>(steady + i), _mm_andnot_si128(unsteady, run));
   }
+#endif
   for (; i < n; ++i) {
     const int32_t tol = steady_tolerance(c[i]);
     const bool ok = c[i] != 0 && std::abs(int32_t(c[i]) - p[i]) <= tol && std::abs(int32_t(c[i]) - pp[i]) <= tol &&
@@ -55,18 +51,6 @@ void update_steady_runs(const uint16_t* c, const uint16_t* p, const uint16_t* pp
     steady[i] = ok ? saturating_increment(steady[i]) : uint16_t{0};
   }
 }
-
-void join(std::vector<int32_t>& parent, int32_t a, int32_t b) {
-  a = find_root(parent, a);
-  b = find_root(parent, b);
-  if (a < b) {
-    parent[size_t(b)] = a;
-  } else if (b < a) {
-    parent[size_t(a)] = b;
-  }
-}
-
-}  // namespace
 
 void BackgroundModel::start(int32_t w, int32_t h, const uint16_t* shiftToDepth, uint32_t length,
                             const Mapper* mapper) {
@@ -107,7 +91,7 @@ void BackgroundModel::allocate(int32_t w, int32_t h) {
   forgotten.resize(w, h);
   forgotten.clear();
   filterScratch_.resize(w + 16);
-  parent_.reserve(size_t(pixelCount) + 1);
+  regionSets_.reserve(pixelCount + 1);
   regions_.reserve(size_t(pixelCount) + 1);
 }
 
@@ -266,41 +250,20 @@ void BackgroundModel::mark_bodies(const BackgroundInputs& in) {
   constexpr double kBodyMaxHeightMm = users_rules::kPersonMaxHeight;
   constexpr int64_t kBodyMaxArea = users_rules::kPersonMaxArea;
 
-  parent_.assign(1, 0);
-  for (int32_t y = 0; y < height; ++y) {
-    const uint16_t* c = in.shift->row(y);
-    const uint16_t* raw = in.raw->row(y);
-    const uint16_t* b = background.row(y);
-    uint16_t* near = nearNext_.row(y);
-    const uint16_t* up = y > 0 ? nearNext_.row(y - 1) : nullptr;
-    int32_t* label = regionLabel.row(y);
-    const int32_t* labelUp = y > 0 ? regionLabel.row(y - 1) : nullptr;
-    for (int32_t x = 0; x < width; ++x) {
-      const bool isNear = c[x] != 0 && (b[x] == 0 || int32_t(c[x]) < int32_t(b[x]) - 3);
-      near[x] = isNear ? raw[x] : uint16_t{0};
-      label[x] = 0;
-      if (!isNear) continue;
-      int32_t own = 0;
-      if (x > 0 && label[x - 1] != 0 && std::abs(int32_t(near[x]) - near[x - 1]) <= kBodyJoinMm) own = label[x - 1];
-      if (up != nullptr && labelUp[x] != 0 && std::abs(int32_t(near[x]) - up[x]) <= kBodyJoinMm) {
-        if (own == 0) {
-          own = labelUp[x];
-        } else {
-          join(parent_, own, labelUp[x]);
-        }
-      }
-      if (own == 0) {
-        own = int32_t(parent_.size());
-        parent_.push_back(own);
-      }
-      label[x] = own;
-    }
-  }
-  if (parent_.size() <= 1) return;
+  const uint16_t* c = in.shift->data();
+  const uint16_t* b = background.data();
+  auto isNear = [&](int32_t i) { return c[i] != 0 && (b[i] == 0 || int32_t(c[i]) < int32_t(b[i]) - 3); };
+  const uint16_t* raw = in.raw->data();
+  uint16_t* near = nearNext_.data();
+  for (int32_t i = 0; i < pixelCount; ++i) near[i] = isNear(i) ? raw[i] : uint16_t{0};
+  regionSets_.reset(1);
+  op::label_components(regionSets_, regionLabel.data(), op::RasterWindow::whole(width, height), isNear,
+                       [&](int32_t i, int32_t n) { return std::abs(int32_t(near[i]) - near[n]) <= kBodyJoinMm; });
+  if (regionSets_.size() <= 1) return;
 
-  bodies_.assign(parent_.size(), BodySummary{});
+  bodies_.assign(size_t(regionSets_.size()), BodySummary{});
   for (int32_t y = 0; y < height; ++y) {
-    const uint16_t* near = nearNext_.row(y);
+    const uint16_t* nearRow = nearNext_.row(y);
     int32_t* label = regionLabel.row(y);
     // One run of pixels with the same provisional label at a time.
     for (int32_t x = 0; x < width;) {
@@ -309,13 +272,13 @@ void BackgroundModel::mark_bodies(const BackgroundInputs& in) {
         ++x;
         continue;
       }
-      const int32_t root = find_root(parent_, provisional);
+      const int32_t root = regionSets_.find(provisional);
       const int32_t start = x;
       int64_t area = 0, depthSum = 0;
       for (; x < width && label[x] == provisional; ++x) {
         label[x] = root;
-        area += area_of(near[x]);
-        depthSum += near[x];
+        area += area_of(nearRow[x]);
+        depthSum += nearRow[x];
       }
       BodySummary& r = bodies_[size_t(root)];
       r.area += area;
@@ -409,50 +372,29 @@ void BackgroundModel::validate_regions(const BackgroundInputs& in) {
   const Array2D<uint16_t>& pp = *in.shiftBefore;
   update_steady_runs(c.data(), p.data(), pp.data(), steadyRun.data(), pixelCount);
 
-  parent_.assign(1, 0);
-  for (int32_t y = 0; y < height; ++y) {
-    const uint16_t* near = nearChange.row(y);
-    const uint16_t* s = c.row(y);
-    int32_t* label = regionLabel.row(y);
-    const int32_t* up = y > 0 ? regionLabel.row(y - 1) : nullptr;
-    const uint16_t* sUp = y > 0 ? c.row(y - 1) : nullptr;
-    for (int32_t x = 0; x < width; ++x) {
-      label[x] = 0;
-      if (near[x] == 0) continue;
-      const int32_t tol = steady_tolerance(s[x]);
-      int32_t own = 0;
-      if (x > 0 && label[x - 1] != 0 && std::abs(int32_t(s[x]) - s[x - 1]) <= tol) own = label[x - 1];
-      if (up != nullptr && up[x] != 0 && std::abs(int32_t(s[x]) - sUp[x]) <= tol) {
-        if (own == 0) {
-          own = up[x];
-        } else {
-          join(parent_, own, up[x]);
-        }
-      }
-      if (own == 0) {
-        own = int32_t(parent_.size());
-        parent_.push_back(own);
-      }
-      label[x] = own;
-    }
-  }
-  if (parent_.size() <= 1) return;
+  const uint16_t* near = nearChange.data();
+  const uint16_t* s = c.data();
+  regionSets_.reset(1);
+  op::label_components(regionSets_, regionLabel.data(), op::RasterWindow::whole(width, height),
+                       [&](int32_t i) { return near[i] != 0; },
+                       [&](int32_t i, int32_t n) { return std::abs(int32_t(s[i]) - s[n]) <= steady_tolerance(s[i]); });
+  if (regionSets_.size() <= 1) return;
 
-  regions_.assign(parent_.size(), RegionSummary{0, 0xFFFF, false, true});
+  regions_.assign(size_t(regionSets_.size()), RegionSummary{0, 0xFFFF, false, true});
   const Array2D<uint16_t>* labels = in.labels;
   const bool labelsUsable = labels != nullptr && labels->width() == width && labels->height() == height;
   for (int32_t y = 0; y < height; ++y) {
     int32_t* label = regionLabel.row(y);
     for (int32_t x = 0; x < width; ++x) {
       if (label[x] == 0) continue;
-      const int32_t root = find_root(parent_, label[x]);
+      const int32_t root = regionSets_.find(label[x]);
       label[x] = root;
       RegionSummary& r = regions_[size_t(root)];
       const int32_t i = y * width + x;
       ++r.pixels;
       r.minSteady = std::min(r.minSteady, steadyRun[i]);
       if (background[i] != 0) r.unknownBehind = false;
-      if (labelsUsable && (*labels)[i] != 0) r.held = true;
+      if (labelsUsable && (*labels)[i] != kNobody) r.held = true;
       for (int32_t k = 0; k < in.userBoxCount && !r.held; ++k) {
         if (in.userBoxes[k].contains_pixel(x, y)) r.held = true;
       }
@@ -503,7 +445,7 @@ void BackgroundModel::forget(const Array2D<uint16_t>& labels, uint16_t id) {
 void BackgroundModel::absorb(const Array2D<uint16_t>& shift, const Array2D<uint16_t>& labels) {
   const bool labelsUsable = labels.same_shape(background);
   for (int32_t i = 0; i < pixelCount; ++i) {
-    const bool nobody = !labelsUsable || labels[i] == 0;
+    const bool nobody = !labelsUsable || labels[i] == kNobody;
     if (forgotten[i] != 0 && nobody && steadyRun[i] >= kRelearnFrames) {
       background[i] = shift[i];
       forgotten[i] = 0;

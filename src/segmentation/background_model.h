@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "op/union_find.h"
 #include "segmentation/containers.h"
 #include "segmentation/depth_frame_input.h"
 #include "segmentation/seg_coordinate_mapper.h"
@@ -28,6 +29,10 @@ struct BackgroundInputs {
   int32_t userBoxCount = 0;
   const Mapper* mapper = nullptr;
 };
+
+// steady[i] + 1 (saturating) where the current shift c[i] is known and agrees with the two
+// before it, p[i] and pp[i], pairwise within 2 + c[i] / 256; else 0. Shifts stay below 32768.
+void update_steady_runs(const uint16_t* c, const uint16_t* p, const uint16_t* pp, uint16_t* steady, int32_t n);
 
 class BackgroundModel {
  public:
@@ -100,7 +105,7 @@ class BackgroundModel {
   uint32_t shiftToDepthLength_ = 0;
   const Mapper* mapper_ = nullptr;
   Array<int16_t> filterScratch_;
-  std::vector<int32_t> parent_;
+  op::UnionFind regionSets_;
   struct RegionSummary {
     int32_t pixels = 0;
     uint16_t minSteady = 0;

@@ -19,14 +19,6 @@ constexpr double kMatchDistance = 100.0;    // mm, seen from above
 constexpr double kConfirmHeight = 800.0;    // mm
 constexpr double kMovedDistance = 200.0;    // mm
 
-int32_t find_root(int32_t* parent, int32_t i) {
-  while (parent[i] != i) {
-    parent[i] = parent[parent[i]];
-    i = parent[i];
-  }
-  return i;
-}
-
 }  // namespace
 
 CandidateSnapshot CandidateDetection::snapshot() const {
@@ -63,6 +55,7 @@ void PersonCandidateDetector::start(int32_t width, int32_t height, const uint16_
   depthToShift_ = depthToShift;
   mirrored_ = mirrored;
   mapper_ = mapper;
+  groups_.reserve(kMaxChains);
   edges_.resize(width, height);
   edges_.clear();
   depth_.resize(width, height);
@@ -230,7 +223,7 @@ void PersonCandidateDetector::summarise(CandidateChain& chain) {
 }
 
 void PersonCandidateDetector::group_chains() {
-  for (int32_t i = 0; i < keptCount_; ++i) parent_[i] = i;
+  groups_.reset(keptCount_);
   auto inside = [](const CandidateChain& point, const CandidateChain& range) {
     return point.medianDepth > range.depth10 && point.medianDepth < range.depth90 && point.medianX > range.x10 &&
            point.medianX < range.x90;
@@ -244,16 +237,12 @@ void PersonCandidateDetector::group_chains() {
       const bool footprints =
           overlapX >= 0 && overlapD >= 0 && overlapX * overlapD > 0.5 * std::min(a.footprint, b.footprint);
       if (!footprints && !inside(a, b) && !inside(b, a)) continue;
-      const int32_t ra = find_root(parent_, i), rb = find_root(parent_, j);
-      if (ra != rb) parent_[std::max(ra, rb)] = std::min(ra, rb);
+      groups_.unite(i, j);
     }
   }
   // Compact numbering: groups in order of their first chain.
-  int32_t groups = 0;
-  for (int32_t i = 0; i < keptCount_; ++i) {
-    const int32_t root = find_root(parent_, i);
-    chains_[kept_[i]].group = root == i ? groups++ : chains_[kept_[root]].group;
-  }
+  groups_.number_sets(groupOf_);
+  for (int32_t i = 0; i < keptCount_; ++i) chains_[kept_[i]].group = groupOf_[i];
 }
 
 void PersonCandidateDetector::build_detections() {

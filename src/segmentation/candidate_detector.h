@@ -13,6 +13,7 @@
 #include <cstdint>
 #include <span>
 
+#include "op/union_find.h"
 #include "segmentation/containers.h"
 #include "segmentation/seg_coordinate_mapper.h"
 
@@ -121,7 +122,8 @@ class PersonCandidateDetector {
   int32_t kept_[kMaxChains];
   int32_t keptCount_ = 0;
   int32_t open_[kMaxChains];
-  int32_t parent_[kMaxChains];
+  op::UnionFind groups_;  // of the kept chains
+  int32_t groupOf_[kMaxChains];
   int32_t values_[2 * CandidateChain::kMaxRuns];
   int32_t extra_[2 * CandidateChain::kMaxRuns];
 

@@ -112,30 +112,22 @@ void FloorDetector::full_search(FloorHypothesis& h, FloorHypothesis& work, const
   }
 }
 
+FloorShiftTest::FloorShiftTest(double a, double b, double c)
+    : a_(uint32_t(to_fixed(a))), b_(uint32_t(to_fixed(b))), c_(uint32_t(to_fixed(c))) {}
+
 void FloorDetector::evaluate(FloorHypothesis& h, const Array2D<uint16_t>& image) const {
   h.onCount = h.beyondCount = 0;
-  const uint32_t a = uint32_t(to_fixed(h.a)), b = uint32_t(to_fixed(h.b)), c = uint32_t(to_fixed(h.c));
+  const FloorShiftTest test(h.a, h.b, h.c);
   Array2D<uint8_t>& mask = *h.mask;
   const int32_t w = int32_t(width_), hh = int32_t(height_);
   for (int32_t y = 2 * hh / 3; y < hh; ++y) {
     const uint16_t* s = image.row(y);
     uint8_t* m = mask.row(y);
-    const uint32_t rowBase = uint32_t(y) * b + c;
+    const uint32_t rowBase = test.row(y);
     for (int32_t x = 0; x < w; ++x) {
-      if (s[x] == 0) {
-        m[x] = 0;
-        continue;
-      }
-      const uint32_t e = (rowBase + uint32_t(x) * a) >> 10;
-      if (uint32_t(s[x]) > e + 1) {
-        m[x] = 2;
-        ++h.beyondCount;
-      } else if (int32_t(s[x]) >= int32_t(e) - 1) {
-        m[x] = 1;
-        ++h.onCount;
-      } else {
-        m[x] = 0;
-      }
+      m[x] = test.mark(rowBase, x, s[x]);
+      h.onCount += m[x] == kOnFloor;
+      h.beyondCount += m[x] == kBeyondFloor;
     }
   }
   h.score = h.onCount * 0.2 - h.beyondCount;
@@ -143,17 +135,14 @@ void FloorDetector::evaluate(FloorHypothesis& h, const Array2D<uint16_t>& image)
 }
 
 void FloorDetector::mark_floor(FloorHypothesis& h, const Array2D<uint16_t>& image) const {
-  const uint32_t a = uint32_t(to_fixed(h.a)), b = uint32_t(to_fixed(h.b)), c = uint32_t(to_fixed(h.c));
+  const FloorShiftTest test(h.a, h.b, h.c);
   Array2D<uint8_t>& mask = *h.mask;
   const int32_t w = int32_t(width_), hh = int32_t(height_);
   for (int32_t y = 2 * hh / 3; y < hh; ++y) {
     const uint16_t* s = image.row(y);
     uint8_t* m = mask.row(y);
-    const uint32_t rowBase = uint32_t(y) * b + c;
-    for (int32_t x = 0; x < w; ++x) {
-      const int32_t e = int32_t(rowBase + uint32_t(x) * a) >> 10;
-      m[x] = (s[x] != 0 && std::abs(int32_t(s[x]) - e) < 2) ? 1 : 0;
-    }
+    const uint32_t rowBase = test.row(y);
+    for (int32_t x = 0; x < w; ++x) m[x] = test.mark(rowBase, x, s[x]) == kOnFloor ? kOnFloor : kOffFloor;
   }
 }
 
@@ -321,9 +310,9 @@ void FloorDetector::refine(const FloorHypothesis& from, FloorHypothesis& to, con
     const uint8_t* m = mask.row(y);
     const uint16_t* s = background.row(y);
     for (int32_t x = 0; x < w; ++x) {
-      if (m[x] == 0) continue;
+      if (m[x] == kOffFloor) continue;
       sums.add(x, y, s[x]);
-      if (m[x] == 2 && refX < 0) refX = x, refShift = s[x];
+      if (m[x] == kBeyondFloor && refX < 0) refX = x, refShift = s[x];
     }
   }
   if (sums.n < 3) return;

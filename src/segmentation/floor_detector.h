@@ -14,6 +14,34 @@
 
 namespace quorvik::legacy {
 
+// A pixel's shift against the floor's expected shift there.
+enum FloorMark : uint8_t {
+  kOffFloor = 0,     // nearer than the floor, or no shift
+  kOnFloor = 1,      // within one shift step of it
+  kBeyondFloor = 2,  // farther: the plane cannot be the floor there
+};
+
+// The floor a x + b y + c as the per-frame test reads it: 22.10 fixed point in unsigned
+// arithmetic, so that a plane that comes out negative lies out of reach of every shift.
+class FloorShiftTest {
+ public:
+  FloorShiftTest(double a, double b, double c);
+  // The part of row y that all its pixels share, for mark().
+  uint32_t row(int32_t y) const { return uint32_t(y) * b_ + c_; }
+  FloorMark mark(uint32_t row, int32_t x, uint16_t shift) const {
+    if (shift == 0) return kOffFloor;
+    const uint32_t e = (row + uint32_t(x) * a_) >> 10;
+    if (uint32_t(shift) > e + 1) return kBeyondFloor;
+    return int32_t(shift) >= int32_t(e) - 1 ? kOnFloor : kOffFloor;
+  }
+
+ private:
+  uint32_t a_, b_, c_;
+};
+
+// The same plane in full precision, for single pixels.
+inline double floor_shift_at(double a, double b, double c, int32_t x, int32_t y) { return a * x + b * y + c; }
+
 struct FloorHypothesis {
   FloorHypothesis() = default;
   void allocate(int32_t width, int32_t height);
@@ -23,7 +51,7 @@ struct FloorHypothesis {
   float plane[4] = {0, 0, 0, 0};  // the floor as reported: n.P + d = 0, millimetres
   uint32_t onCount = 0;
   uint32_t beyondCount = 0;
-  std::unique_ptr<Array2D<uint8_t>> mask = std::make_unique<Array2D<uint8_t>>();  // 0 off, 1 on, 2 beyond
+  std::unique_ptr<Array2D<uint8_t>> mask = std::make_unique<Array2D<uint8_t>>();  // FloorMark
   bool valid = false;
   double score = 0;
 };

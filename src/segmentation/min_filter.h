@@ -1,6 +1,7 @@
 #pragma once
 // 3x3 minimum of a shift image in which 0 (nothing known) counts as far (2000), with the
-// window clipped at the image border. Eight signed 16-bit lanes at a time.
+// window clipped at the image border. Eight signed 16-bit lanes at a time where SSE2 is on
+// (segmentation/sse2.h).
 
 #include <cstdint>
 

@@ -59,17 +59,15 @@ const std::vector<uint8_t>& UserAnalyzer::segment(const op::Image<uint16_t>& dep
   if (labels.data != nullptr && labels.width != 0 && labels.height != 0) {
     op::resample_nearest(labels.data, labels.width, labels.height, userLabels_, width, height);
   } else {
-    userLabels_.fill(0);
+    userLabels_.fill(legacy::kNobody);
   }
 
   ids_.clear();
   uint16_t previous = 0;
   for (size_t i = 0; i < userLabels_.size(); ++i) {
     uint16_t& value = userLabels_[i];
-    if (value == 0) {
-      value = kNoUser;
-      continue;
-    }
+    value = user_label_of(value);
+    if (value == kNoUser) continue;
     if (value == previous) continue;
     previous = value;
     // Ids are one byte wide; the engine never hands out more than ten.

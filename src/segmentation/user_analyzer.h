@@ -14,14 +14,13 @@
 #include "op/image.h"
 #include "segmentation/depth_conversion.h"
 #include "segmentation/person_check.h"
+#include "segmentation/user_ids.h"
 
 namespace quorvik::legacy {
 class SegmentationEngine;
 }
 
 namespace quorvik::skeleton {
-
-inline constexpr uint16_t kNoUser = 0xFFFF;
 
 // What segmentation knows of a user; the tracker's own record extends it.
 struct SegmentedUser {

@@ -11,13 +11,13 @@
 
 #include <spdlog/logger.h>
 
-#include "classifier/pixel_label.h"
 #include "op/image.h"
+#include "op/pixel_label.h"
+#include "op/region_box.h"
 #include "segmentation/depth_conversion.h"
 #include "skeleton/geometry.h"
 #include "skeleton/human_model.h"
 #include "skeleton/percentile_histogram.h"
-#include "skeleton/region_box.h"
 #include "skeleton/vocabulary.h"
 
 namespace quorvik::skeleton {

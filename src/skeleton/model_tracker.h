@@ -9,13 +9,13 @@
 
 #include <spdlog/logger.h>
 
-#include "classifier/pixel_label.h"
 #include "op/image.h"
+#include "op/pixel_label.h"
+#include "op/region_box.h"
 #include "segmentation/depth_conversion.h"
 #include "skeleton/human_model.h"
 #include "skeleton/label_force.h"
 #include "skeleton/model_converter.h"
-#include "skeleton/region_box.h"
 #include "skeleton/target_extractor.h"
 #include "skeleton/user_skeleton.h"
 

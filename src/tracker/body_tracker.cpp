@@ -8,6 +8,7 @@
 
 #include "classifier/frame_classifier.h"
 #include "op/logging.h"
+#include "skeleton/vocabulary.h"
 
 namespace quorvik::skeleton {
 namespace {
@@ -63,9 +64,6 @@ constexpr float kWalkLevel = 0.5f;  // of the walking pace, at most, up or down:
 constexpr float kProfileSin = 0.8f;     // sine of the facing angle, at least, for a profile
 constexpr float kProfileMiddle = 120.f;  // mm from the torso's visible surface to the body's middle
 constexpr float kWalkAlong = 0.7f;      // cosine of the walking direction to the line of sight, at least
-
-// Report order of the joints: the order of a user's joint table and of a body's joints.
-constexpr uint8_t kReportOrder[kJointCount] = {8, 1, 0, 2, 3, 4, 5, 6, 7, 9, 10, 11, 12, 13, 14, 15};
 
 // Reused between frames: one row of column minima of the input.
 std::vector<uint16_t>& reduction_scratch() {
@@ -149,10 +147,10 @@ op::Result<op::Unit, TrackerError> BodyTracker::update(uint32_t width, uint32_t 
   if (forest_.tree_count() == 0) {
     // Without trees nothing can be classified: everyone in the labels is body 1's mask.
     const op::Image<uint16_t>& labels = userAnalyzer_.userLabels();
-    for (size_t i = 0; i < labels.size(); ++i) userIdImage_[i] = labels[i] != kNoUser ? 1 : 0;
+    for (size_t i = 0; i < labels.size(); ++i) userIdImage_[i] = labels[i] != kNoUser ? 1 : kNoBody;
     bodies_.clear();
   } else {
-    userIdImage_.fill(0);
+    userIdImage_.fill(kNoBody);
     const std::array<float, 3> scale{static_cast<float>(width / blockWidth_),
                                      static_cast<float>(height / blockHeight_), 1.f};
     std::vector<Body> newBodies;
@@ -167,7 +165,10 @@ op::Result<op::Unit, TrackerError> BodyTracker::update(uint32_t width, uint32_t 
       body.id = user.id;
       body.status = BodyStatus::TrackingLost;
       body.extent = user.extent;
-      for (uint8_t type : kReportOrder) body.joints.emplace(type, Joint{type, JointStatus::None, {0, 0}, {0, 0, 0}});
+      for (JointType joint : report_joint_order()) {
+        const uint8_t type = to_byte(joint);
+        body.joints.emplace(type, Joint{type, JointStatus::None, {0, 0}, {0, 0, 0}});
+      }
     }
     bodies_ = std::move(newBodies);
   }
@@ -197,7 +198,8 @@ void BodyTracker::update_user(TrackedUser& user, const Body* previous, const std
   Body& body = newBodies.emplace_back();
   body.id = user.id;
   body.extent = user.extent;
-  for (uint8_t type : kReportOrder) {
+  for (JointType reported : report_joint_order()) {
+    const uint8_t type = to_byte(reported);
     const JointRecord& record = user.skeleton.joint(type);
     Joint joint;
     joint.type = isDepthMirrored ? mirror_joint(type) : type;
@@ -229,7 +231,7 @@ bool BodyTracker::reads_as_person(const legacy::Array2D<uint8_t>& mask) {
     for (uint32_t x = 0; x < w; ++x) l[x] = m[x] != 0 ? kProposal : kNoUser;
   }
   checkLabels_.fill(PixelLabel{});
-  checkIds_.fill(0);
+  checkIds_.fill(kNoBody);
   const std::array<uint16_t, 1> proposal{kProposal};
   const UserStatistics statistics = computeUserStatistics(depth_, checkMap_, proposal, {});
   float score = 0.f;

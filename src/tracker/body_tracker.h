@@ -12,15 +12,15 @@
 
 #include <spdlog/logger.h>
 
-#include "classifier/pixel_label.h"
 #include "forest/decision_forest.h"
 #include "op/image.h"
+#include "op/pixel_label.h"
+#include "op/region_box.h"
 #include "op/result.h"
 #include "op/thread_pool.h"
 #include "segmentation/depth_conversion.h"
 #include "segmentation/user_analyzer.h"
 #include "skeleton/model_tracker.h"
-#include "skeleton/region_box.h"
 #include "skeleton/user_skeleton.h"
 #include "tracker/body_frame.h"
 #include "tracker/tracker_error.h"

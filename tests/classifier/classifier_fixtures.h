@@ -5,8 +5,8 @@
 #include <random>
 
 #include "classifier/depth_features.h"
+#include "classifier/user_statistics.h"
 #include "op/image.h"
-#include "segmentation/user_statistics.h"
 
 namespace quorvik::skeleton::testing {
 

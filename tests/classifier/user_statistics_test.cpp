@@ -1,4 +1,4 @@
-#include "segmentation/user_statistics.h"
+#include "classifier/user_statistics.h"
 
 #include <algorithm>
 #include <random>

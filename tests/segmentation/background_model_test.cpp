@@ -1,5 +1,9 @@
 #include "segmentation/background_model.h"
 
+#include <algorithm>
+#include <random>
+#include <vector>
+
 #include <gtest/gtest.h>
 
 #include "support/scene_util.h"
@@ -74,6 +78,26 @@ std::vector<int> block(int x0, int y0, int w, int h) {
 }
 
 }  // namespace
+
+// Whole images run eight lanes at a time where SSE2 is on; one pixel at a time is always the
+// scalar path. Near-equal shifts sit at the tolerance, runs near the saturation limit.
+TEST(RegionValidation, SteadyRunsOfVectorLanesMatchThePlainLoop) {
+  std::mt19937 random(11);
+  for (int32_t n : {8, 13, 160 * 120}) {
+    SCOPED_TRACE(n);
+    std::vector<uint16_t> c(static_cast<size_t>(n)), p(c.size()), pp(c.size()), lanes(c.size()), plain(c.size());
+    for (size_t i = 0; i < c.size(); ++i) {
+      c[i] = random() % 8 == 0 ? 0 : uint16_t(300 + random() % 1700);
+      const int32_t tol = 2 + std::max<int32_t>(c[i], 300) / 256;
+      p[i] = uint16_t(std::max<int32_t>(c[i], 300) + int32_t(random() % uint32_t(2 * tol + 3)) - tol - 1);
+      pp[i] = uint16_t(std::max<int32_t>(c[i], 300) + int32_t(random() % uint32_t(2 * tol + 3)) - tol - 1);
+      lanes[i] = plain[i] = random() % 4 == 0 ? uint16_t(0xFFFF - random() % 2) : uint16_t(random() % 100);
+    }
+    update_steady_runs(c.data(), p.data(), pp.data(), lanes.data(), n);
+    for (int32_t i = 0; i < n; ++i) update_steady_runs(&c[size_t(i)], &p[size_t(i)], &pp[size_t(i)], &plain[size_t(i)], 1);
+    EXPECT_EQ(lanes, plain);
+  }
+}
 
 TEST(RegionValidation, FlecksJoinTheBackgroundQuicklyObjectsOnlyByAbsorption) {
   ModelDriver d;

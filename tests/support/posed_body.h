@@ -8,12 +8,12 @@
 #include <cstdint>
 #include <vector>
 
-#include "classifier/pixel_label.h"
 #include "op/image.h"
+#include "op/pixel_label.h"
+#include "op/region_box.h"
 #include "segmentation/depth_conversion.h"
 #include "skeleton/geometry.h"
 #include "skeleton/human_model.h"
-#include "skeleton/region_box.h"
 
 namespace quorvik::skeleton::testing {
 

@@ -9,9 +9,9 @@
 #include <vector>
 
 #include "classifier/depth_features.h"
+#include "classifier/user_statistics.h"
 #include "forest/label_distribution.h"
 #include "renderer.h"
-#include "segmentation/user_statistics.h"
 
 namespace quorvik::train {
 

@@ -1,5 +1,6 @@
 #pragma once
-// Per-pixel result of body-part classification.
+// Per-pixel result of body-part classification. The classifier writes it and the skeleton
+// fitting reads it, so it sits below both.
 
 #include <cstdint>
 

@@ -1,5 +1,6 @@
 #pragma once
-// The pixel box a user's classification covered: inclusive grid coordinates, or empty.
+// The pixel box a user's classification covered: inclusive grid coordinates, or empty. The
+// classifier fills it and the skeleton fitting reads it, so it sits below both.
 
 #include <cstdint>
 
