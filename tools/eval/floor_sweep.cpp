@@ -25,7 +25,25 @@ double angle_deg(const std::array<float, 4>& a, const std::array<float, 4>& b) {
   return std::acos(std::clamp(dot, -1.0, 1.0)) * 180.0 / M_PI;
 }
 
+sim::Furniture box(sim::FurnitureKind kind, sim::Vec3 size, float x, float z) {
+  sim::Furniture f;
+  f.kind = kind;
+  f.size = size;
+  f.x = x, f.z = z;
+  return f;
+}
+
 }  // namespace
+
+const char* obstacle_name(FloorObstacle o) {
+  switch (o) {
+    case FloorObstacle::None: return "";
+    case FloorObstacle::Wall: return "wall";
+    case FloorObstacle::Table: return "table";
+    case FloorObstacle::Step: return "step";
+  }
+  return "?";
+}
 
 std::vector<FloorSweepCase> floor_sweep_cases() {
   std::vector<FloorSweepCase> cases;
@@ -33,6 +51,9 @@ std::vector<FloorSweepCase> floor_sweep_cases() {
   for (float height : {500.f, 1000.f, 1500.f, 2000.f, 2500.f})
     for (float pitch : {0.f, 7.f, 14.f, 22.f, 30.f})
       for (float holes : {0.f, 0.15f, 0.3f}) cases.push_back({height, pitch, holes, seed++, 1, 120});
+  for (FloorObstacle o : {FloorObstacle::Wall, FloorObstacle::Table, FloorObstacle::Step})
+    for (float height : {800.f, 1500.f, 2200.f})
+      for (float pitch : {0.f, 12.f}) cases.push_back({height, pitch, 0.15f, seed++, 0, 90, o});
   return cases;
 }
 
@@ -42,7 +63,26 @@ FloorSweepResult run_floor_sweep_case(const FloorSweepCase& c) {
   camera.position.y = c.heightMm;
   camera.pitch = sim::deg(c.pitchDeg);
   camera.roll = 0;
-  const sim::Scenario scenario(named.options(), camera, named.room(), named.actors());
+  sim::Room room = named.room();
+  const float cx = camera.position.x, cz = camera.position.z;
+  switch (c.obstacle) {
+    case FloorObstacle::None: break;
+    case FloorObstacle::Wall:  // filling the view, nothing of the floor before it
+      camera.yaw = 0;
+      room.z1 = cz + 700.f;
+      room.furniture.clear();
+      break;
+    case FloorObstacle::Table:  // a large table top filling the middle of the bottom third
+      camera.yaw = 0;
+      room.furniture = {box(sim::FurnitureKind::Table, {1800, 750, 1100}, cx, cz + 1900.f)};
+      break;
+    case FloorObstacle::Step:  // two steps of 180 mm across most of the view, the floor before them
+      camera.yaw = 0;
+      room.furniture = {box(sim::FurnitureKind::Cabinet, {3000, 180, 1600}, cx, cz + 3400.f),
+                        box(sim::FurnitureKind::Cabinet, {3000, 360, 800}, cx, cz + 3800.f)};
+      break;
+  }
+  const sim::Scenario scenario(named.options(), camera, room, named.actors());
   sim::SensorOptions sensor;
   sensor.floorHoles = c.holes;
   sim::Renderer renderer(scenario, sensor);
@@ -97,6 +137,7 @@ FloorSweepResult run_floor_sweep_case(const FloorSweepCase& c) {
         r.worstNormalDeg = std::max(r.worstNormalDeg, angle);
         r.worstOffsetMm = std::max(r.worstOffsetMm, offset);
         if (angle <= kNormalLimitDeg && offset <= kOffsetLimitMm) ++r.accurateFrames;
+        if (angle > 5.0 || offset > 150.0) ++r.wrongFrames;
       }
     }
     const op::Image<uint8_t>& mask = analyzer.floorMask();
@@ -135,28 +176,36 @@ FloorSweepResult run_floor_sweep_case(const FloorSweepCase& c) {
 }
 
 void print_floor_sweep(std::ostream& out, const std::vector<FloorSweepResult>& results) {
-  out << "height  pitch  holes  missing  found  kept   accurate  worst deg  worst mm  mask   feet   person px (>30 mm)\n";
+  out << "        height  pitch  holes  missing  found  kept   accurate  worst deg  worst mm  mask   feet   person px (>30 mm)  wrong\n";
   for (const FloorSweepResult& r : results) {
     const FloorSweepCase& c = r.sweepCase;
+    out << fmt::format("{:<6}  ", obstacle_name(c.obstacle));
     if (!r.floorInView) {
-      out << fmt::format("{:4.1f} m  {:4.0f}   {:4.0f}%  {:6.0f}%  floor not in view\n", c.heightMm / 1000.f, c.pitchDeg,
-                         c.holes * 100.f, r.missingShare * 100.0);
+      out << fmt::format("{:4.1f} m  {:4.0f}   {:4.0f}%  {:6.0f}%  floor not in view; frames with a floor: {}\n",
+                         c.heightMm / 1000.f, c.pitchDeg, c.holes * 100.f, r.missingShare * 100.0, r.wrongFrames);
       continue;
     }
     const std::string found = r.foundAt < 0 ? "never" : std::to_string(r.foundAt);
     const double kept = r.framesAfter ? 100.0 * r.keptFrames / r.framesAfter : 0.0;
     const double accurate = r.keptFrames ? 100.0 * r.accurateFrames / r.keptFrames : 0.0;
     const std::string feet = r.feetRecall < 0 ? "   -" : fmt::format("{:3.0f}%", r.feetRecall * 100.0);
-    out << fmt::format("{:4.1f} m  {:4.0f}   {:4.0f}%  {:6.0f}%  {:>5}  {:4.0f}%  {:7.0f}%  {:9.2f}  {:8.0f}  {:3.0f}%  {}  {:5} ({})\n",
-                       c.heightMm / 1000.f, c.pitchDeg, c.holes * 100.f, r.missingShare * 100.0, found, kept, accurate,
-                       r.worstNormalDeg, r.worstOffsetMm, r.maskRecall * 100.0, feet, r.personMasked, r.personMaskedAbove);
+    out << fmt::format(
+        "{:4.1f} m  {:4.0f}   {:4.0f}%  {:6.0f}%  {:>5}  {:4.0f}%  {:7.0f}%  {:9.2f}  {:8.0f}  {:3.0f}%  {}  {:5} ({:5})  {:5}\n",
+        c.heightMm / 1000.f, c.pitchDeg, c.holes * 100.f, r.missingShare * 100.0, found, kept, accurate, r.worstNormalDeg,
+        r.worstOffsetMm, r.maskRecall * 100.0, feet, r.personMasked, r.personMaskedAbove, r.wrongFrames);
   }
+  int obstacleCases = 0, wrong = 0;
+  for (const FloorSweepResult& r : results)
+    if (r.sweepCase.obstacle != FloorObstacle::None) ++obstacleCases, wrong += r.wrongFrames;
+  out << fmt::format("walls, tables and steps: {} cases, {} frames with something else taken for the floor\n",
+                     obstacleCases, wrong);
   for (int beyond = 0; beyond < 2; ++beyond) {
     int cases = 0, notInView = 0, foundInTime = 0, frames = 0, kept = 0, keptFrames = 0, accurate = 0;
     double recall = 0, feet = 0;
     int feetCases = 0;
     uint64_t person = 0, personAbove = 0;
     for (const FloorSweepResult& r : results) {
+      if (r.sweepCase.obstacle != FloorObstacle::None) continue;
       if ((r.sweepCase.pitchDeg > kTiltLimitDeg) != (beyond == 1)) continue;
       if (!r.floorInView) {
         ++notInView;

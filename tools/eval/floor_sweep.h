@@ -9,6 +9,11 @@
 
 namespace quorvik::eval {
 
+// What else is in front of the camera: a wall close up filling the view, a table top or a
+// two-step platform in the bottom of the view with the floor around it.
+enum class FloorObstacle { None, Wall, Table, Step };
+const char* obstacle_name(FloorObstacle o);
+
 struct FloorSweepCase {
   float heightMm = 1200;
   float pitchDeg = 0;      // downwards
@@ -16,6 +21,7 @@ struct FloorSweepCase {
   uint64_t seed = 1;
   int people = 1;          // walking in
   int frames = 120;
+  FloorObstacle obstacle = FloorObstacle::None;
 };
 
 struct FloorSweepResult {
@@ -32,9 +38,11 @@ struct FloorSweepResult {
   double feetRecall = -1;      // ... of those within a few pixels of a foot; -1 when none
   uint32_t personMasked = 0;       // person pixels in the floor mask, summed over frames
   uint32_t personMaskedAbove = 0;  // ... of them more than 30 mm above the floor
+  int wrongFrames = 0;             // a floor more than 5 degrees or 150 mm off: something else taken for it
 };
 
-// Heights 0.5 to 2.5 m x pitches 0 to 30 degrees x patches covering 0 to 30% of the floor.
+// Heights 0.5 to 2.5 m x pitches 0 to 30 degrees x patches covering 0 to 30% of the floor,
+// then walls, tables and steps in front of a few of those cameras.
 std::vector<FloorSweepCase> floor_sweep_cases();
 FloorSweepResult run_floor_sweep_case(const FloorSweepCase& c);
 // Every case, then the summary: within the floor's tilt limit and beyond it.
