@@ -85,6 +85,7 @@ FloorSweepResult run_floor_sweep_case(const FloorSweepCase& c) {
   const sim::Scenario scenario(named.options(), camera, room, named.actors());
   sim::SensorOptions sensor;
   sensor.floorHoles = c.holes;
+  sensor.wallHoles = c.holes * 0.5f;
   sim::Renderer renderer(scenario, sensor);
   const skeleton::DepthCameraModel& model = renderer.camera_model();
   skeleton::UserAnalyzer analyzer(camera.hfovDeg, camera.vfovDeg, kWidth, kHeight);

@@ -17,7 +17,7 @@ const char* obstacle_name(FloorObstacle o);
 struct FloorSweepCase {
   float heightMm = 1200;
   float pitchDeg = 0;      // downwards
-  float holes = 0;         // share of the floor's pixels lost to patches
+  float holes = 0;         // share of the floor's pixels lost to patches (half as much on the walls)
   uint64_t seed = 1;
   int people = 1;          // walking in
   int frames = 120;
