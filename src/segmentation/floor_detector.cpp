@@ -393,12 +393,12 @@ void FloorDetector::compute_world_plane(FloorHypothesis& h, int32_t x0, int32_t 
 // The normal above comes from a fixed shift-to-depth model that is good enough to judge the
 // tilt, but it differs from the camera's own conversion tables by a few degrees and flips
 // the sign of the forward component for a pitched camera. The plane handed out is
-// therefore measured: the pixels of the current image marked as floor are turned into world
+// therefore measured: the background pixels found on the plane are turned into world
 // points with the camera's tables (each shift taken at the middle of its depth step, which
 // removes the rounding bias of the tables) and the plane is fitted through them by total
 // least squares. A depth step grows with the square of the depth, so each point is weighted
 // by the inverse square of its step, and a second fit leaves out what lies more than a step
-// and a half off the first: far away the marking's two shifts reach half a metre up a wall.
+// and a half off the first: far away a shift either side of the plane reaches up a wall.
 void FloorDetector::measure_world_plane(FloorHypothesis& h, const Array2D<uint16_t>& image) {
   const int32_t w = int32_t(width_), hh = int32_t(height_);
   const Array2D<uint8_t>& mask = *h.mask;
