@@ -385,28 +385,45 @@ void FloorDetector::compute_world_plane(FloorHypothesis& h, int32_t x0, int32_t 
 // therefore measured: the background pixels found on the plane are turned into world
 // points with the camera's tables (each shift taken at the middle of its depth step, which
 // removes the rounding bias of the tables) and the plane is fitted through them by total
-// least squares.
-void FloorDetector::measure_world_plane(FloorHypothesis& h, const Array2D<uint16_t>& background) const {
+// least squares. A depth step grows with the square of the depth, so each point is weighted
+// by the inverse square of its step, and a second fit leaves out what lies more than a step
+// and a half off the first: far away a shift either side of the plane reaches up a wall.
+void FloorDetector::measure_world_plane(FloorHypothesis& h, const Array2D<uint16_t>& image) {
   const int32_t w = int32_t(width_), hh = int32_t(height_);
   const Array2D<uint8_t>& mask = *h.mask;
-  double n = 0, sum[3] = {0, 0, 0}, sq[6] = {0, 0, 0, 0, 0, 0};
+  points_.clear();
   for (int32_t y = 2 * hh / 3; y < hh; ++y) {
     const uint8_t* m = mask.row(y);
-    const uint16_t* s = background.row(y);
+    const uint16_t* s = image.row(y);
     for (int32_t x = 0; x < w; ++x) {
       if (m[x] != 1) continue;
       const double d0 = depth_of(s[x]), d1 = depth_of(s[x] + 1);
       if (d0 == 0) continue;
       const double depth = d1 > d0 ? 0.5 * (d0 + d1) : d0;
       const double size = depth * mapper_->pixelSize[1];  // pixel size grows linearly with depth
-      const double p[3] = {(x - mapper_->centerX) * size, (mapper_->centerY - y) * size, depth};
-      n += 1;
-      for (int k = 0; k < 3; ++k) sum[k] += p[k];
-      sq[0] += p[0] * p[0], sq[1] += p[0] * p[1], sq[2] += p[0] * p[2];
-      sq[3] += p[1] * p[1], sq[4] += p[1] * p[2], sq[5] += p[2] * p[2];
+      const double step = std::max(d1 > d0 ? d1 - d0 : 0.0, 1.0);
+      points_.push_back({(x - mapper_->centerX) * size, (mapper_->centerY - y) * size, depth, step});
     }
   }
-  if (n < 3) return;
+  double plane[4];
+  if (!fit_plane(points_, nullptr, plane)) return;
+  fit_plane(points_, plane, plane);
+  h.plane[0] = float(plane[0]), h.plane[1] = float(plane[1]), h.plane[2] = float(plane[2]);
+  h.plane[3] = float(plane[3]);
+}
+
+bool FloorDetector::fit_plane(const std::vector<WorldSample>& points, const double* near, double plane[4]) {
+  double n = 0, sum[3] = {0, 0, 0}, sq[6] = {0, 0, 0, 0, 0, 0};
+  for (const WorldSample& q : points) {
+    if (near && std::abs(near[0] * q.p[0] + near[1] * q.p[1] + near[2] * q.p[2] + near[3]) > 1.5 * q.step) continue;
+    const double weight = 1.0 / (q.step * q.step);
+    const double* p = q.p;
+    n += weight;
+    for (int k = 0; k < 3; ++k) sum[k] += weight * p[k];
+    sq[0] += weight * p[0] * p[0], sq[1] += weight * p[0] * p[1], sq[2] += weight * p[0] * p[2];
+    sq[3] += weight * p[1] * p[1], sq[4] += weight * p[1] * p[2], sq[5] += weight * p[2] * p[2];
+  }
+  if (!(n > 0)) return false;
   const double mean[3] = {sum[0] / n, sum[1] / n, sum[2] / n};
   Eigen::Matrix3d cov;
   cov(0, 0) = sq[0] / n - mean[0] * mean[0];
@@ -416,14 +433,16 @@ void FloorDetector::measure_world_plane(FloorHypothesis& h, const Array2D<uint16
   cov(1, 2) = cov(2, 1) = sq[4] / n - mean[1] * mean[2];
   cov(2, 2) = sq[5] / n - mean[2] * mean[2];
   const Eigen::SelfAdjointEigenSolver<Eigen::Matrix3d> solver(cov);
-  if (solver.info() != Eigen::Success) return;
+  if (solver.info() != Eigen::Success) return false;
   Eigen::Vector3d normal = solver.eigenvectors().col(0);  // smallest eigenvalue first
-  if (!normal.allFinite() || normal.norm() < 0.5) return;
+  // A line of points (a single row) has no plane: its two smallest eigenvalues are alike.
+  if (!normal.allFinite() || normal.norm() < 0.5 || !(solver.eigenvalues()(1) > 4.0 * solver.eigenvalues()(0)))
+    return false;
   normal.normalize();
   if (normal.y() < 0) normal = -normal;
-  const double d = -(normal.x() * mean[0] + normal.y() * mean[1] + normal.z() * mean[2]);
-  h.plane[0] = float(normal.x()), h.plane[1] = float(normal.y()), h.plane[2] = float(normal.z());
-  h.plane[3] = float(d);
+  plane[0] = normal.x(), plane[1] = normal.y(), plane[2] = normal.z();
+  plane[3] = -(normal.x() * mean[0] + normal.y() * mean[1] + normal.z() * mean[2]);
+  return true;
 }
 
 }  // namespace quorvik::legacy

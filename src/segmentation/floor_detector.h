@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <memory>
 #include <random>
+#include <vector>
 
 #include "segmentation/containers.h"
 #include "segmentation/seg_coordinate_mapper.h"
@@ -82,7 +83,9 @@ class FloorDetector {
   bool random_search(FloorHypothesis& h, const Array2D<uint16_t>& background);
   void refine(const FloorHypothesis& from, FloorHypothesis& to, const Array2D<uint16_t>& background) const;
   void compute_world_plane(FloorHypothesis& h, int32_t x0, int32_t s0) const;
-  void measure_world_plane(FloorHypothesis& h, const Array2D<uint16_t>& background) const;
+  // The reported plane, fitted in millimetres through the pixels of `image` that h's mask
+  // marks as on the floor.
+  void measure_world_plane(FloorHypothesis& h, const Array2D<uint16_t>& image);
 
  private:
   struct Sums {
@@ -96,6 +99,12 @@ class FloorDetector {
   struct Sample {
     int32_t x, y, shift;
   };
+  struct WorldSample {
+    double p[3];  // mm
+    double step;  // depth step of the tables there, mm
+  };
+  // Weighted total least squares; with `near`, only the points within a step and a half of it.
+  static bool fit_plane(const std::vector<WorldSample>& points, const double* near, double plane[4]);
   static void solve(const Sums& sums, double& a, double& b, double& c);
   void full_search(FloorHypothesis& h, FloorHypothesis& work, const Array2D<uint16_t>& background);
   void build_grid(const Array2D<uint16_t>& background);
@@ -126,6 +135,7 @@ class FloorDetector {
   std::array<int32_t, kGridSize> offsets_{};
   std::array<Sample, kGridSize> samples_{};
   std::bitset<kGridSize> selected_;
+  std::vector<WorldSample> points_;
 };
 
 }  // namespace quorvik::legacy

@@ -10,6 +10,7 @@
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
+#include "floor_sweep.h"
 #include "forest/forest_reader.h"
 #include "plot.h"
 #include "report.h"
@@ -62,9 +63,16 @@ struct EvalArgs {
   std::string writeFloor;
   uint64_t seedShift = 0;
   std::string only;
+  bool floorSweep = false;
 };
 
 void run_eval(const EvalArgs& a, const DataResolver& resolve) {
+  if (a.floorSweep) {
+    std::vector<FloorSweepResult> results;
+    for (const FloorSweepCase& c : floor_sweep_cases()) results.push_back(run_floor_sweep_case(c));
+    print_floor_sweep(std::cout, results);
+    return;
+  }
   // Read before the run, so that a wrong path does not cost a whole evaluation.
   const nlohmann::json floors = a.quick ? read_json(a.floorFile) : nlohmann::json{};
   const Evaluator evaluator(load(a.data, resolve));
@@ -195,6 +203,8 @@ void add_eval_command(CLI::App& app, quorvik::eval::DataResolver resolveData) {
   sub->add_option("--seed-shift", args->seedShift, "move every case's seed by this much (fresh draws)")
       ->check(CLI::Range(uint64_t{0}, uint64_t{900000}));
   sub->add_option("--only", args->only, "run only the cases whose label contains this text");
+  sub->add_flag("--floor-sweep", args->floorSweep,
+                "the floor alone, in rooms with patches of missing depth, across camera heights and pitches");
   sub->callback([args, resolveData] {
     try {
       run_eval(*args, resolveData);

@@ -48,6 +48,42 @@ inline float gauss(uint64_t r) {
   return (s - 2.f) * 1.7320508f;
 }
 
+// Smooth value noise in [0, 1] on a surface, with features about `cell` mm across.
+float value_noise(float u, float v, float cell, uint64_t seed) {
+  const float fu = u / cell, fv = v / cell;
+  const float iu = std::floor(fu), iv = std::floor(fv);
+  const float tu = smoothstep(fu - iu), tv = smoothstep(fv - iv);
+  const auto at = [seed](float a, float b) {
+    const auto ia = static_cast<uint64_t>(static_cast<int64_t>(a)), ib = static_cast<uint64_t>(static_cast<int64_t>(b));
+    return unit(mix64(seed + ia * 0x9E3779B97F4A7C15ull + ib * 0xC2B2AE3D27D4EB4Full));
+  };
+  const float lo = at(iu, iv) + (at(iu + 1, iv) - at(iu, iv)) * tu;
+  const float hi = at(iu, iv + 1) + (at(iu + 1, iv + 1) - at(iu, iv + 1)) * tu;
+  return lo + (hi - lo) * tv;
+}
+
+// The surface pattern that patches are cut from: large blotches with ragged rims.
+float patch_pattern(float u, float v, uint64_t seed) {
+  return 0.65f * value_noise(u, v, 420.f, seed) + 0.35f * value_noise(u, v, 130.f, seed ^ 0x7F4A7C159E3779B9ull);
+}
+
+// The pattern's value below which the given share of a surface lies, from a fixed sample.
+float pattern_level(float share) {
+  static const std::vector<float> sorted = [] {
+    std::vector<float> v(4096);
+    for (size_t i = 0; i < v.size(); ++i) {
+      const uint64_t r = mix64(i + 0x243F6A8885A308D3ull);
+      v[i] = patch_pattern(unit(r) * 1e5f, unit(r >> 24) * 1e5f, mix64(r));
+    }
+    std::sort(v.begin(), v.end());
+    return v;
+  }();
+  const float at = std::clamp(share, 0.f, 1.f) * static_cast<float>(sorted.size() - 1);
+  const auto i = static_cast<size_t>(at);
+  if (i + 1 >= sorted.size()) return sorted.back() + 1.f;
+  return sorted[i] + (sorted[i + 1] - sorted[i]) * (at - static_cast<float>(i));
+}
+
 }  // namespace
 
 Renderer::Renderer(const Scenario& scenario, SensorOptions sensor)
@@ -95,17 +131,23 @@ void Renderer::render_static() {
   staticDepth_.assign(n, kInf);
   const Vec3 c = scenario_.camera().position;
   // The room is a closed box around the camera: every ray leaves it through one face.
+  // Faces: 0 x0, 1 x1, 2 floor, 3 ceiling, 4 z0, 5 z1.
+  std::vector<uint8_t> face(n, 255);
   for (size_t i = 0; i < n; ++i) {
     const Vec3 d = dirs_[i];
     const Vec3 w = map_.right * (map_.mirrorX ? -d.x : d.x) + map_.up * d.y + map_.forward * d.z;
     float t = kInf;
-    if (w.x > 0) t = std::min(t, (room.x1 - c.x) / w.x);
-    if (w.x < 0) t = std::min(t, (room.x0 - c.x) / w.x);
-    if (w.y > 0) t = std::min(t, (room.height - c.y) / w.y);
-    if (w.y < 0) t = std::min(t, (0.f - c.y) / w.y);
-    if (w.z > 0) t = std::min(t, (room.z1 - c.z) / w.z);
-    if (w.z < 0) t = std::min(t, (room.z0 - c.z) / w.z);
-    if (t > 0 && t < kInf) staticDepth_[i] = t * d.z;
+    uint8_t hit = 255;
+    const auto take = [&](float tf, uint8_t f) {
+      if (tf < t) t = tf, hit = f;
+    };
+    if (w.x > 0) take((room.x1 - c.x) / w.x, 1);
+    if (w.x < 0) take((room.x0 - c.x) / w.x, 0);
+    if (w.y > 0) take((room.height - c.y) / w.y, 3);
+    if (w.y < 0) take((0.f - c.y) / w.y, 2);
+    if (w.z > 0) take((room.z1 - c.z) / w.z, 5);
+    if (w.z < 0) take((room.z0 - c.z) / w.z, 4);
+    if (t > 0 && t < kInf) staticDepth_[i] = t * d.z, face[i] = hit;
   }
   std::vector<Primitive> parts;
   for (const Furniture& f : room.furniture)
@@ -113,6 +155,48 @@ void Renderer::render_static() {
   for (Primitive& p : parts) p = transformed(p, map_);
   std::vector<int32_t> owner(n, -1);
   raster(parts, 0, staticDepth_, owner);
+  for (size_t i = 0; i < n; ++i)
+    if (owner[i] >= 0) face[i] = 255;
+  place_holes(face);
+}
+
+void Renderer::place_holes(const std::vector<uint8_t>& face) {
+  holeMargin_.clear();
+  const bool floorHoles = sensor_.floorHoles > 0.f, wallHoles = sensor_.wallHoles > 0.f;
+  if (!sensor_.dropouts || (!floorHoles && !wallHoles)) return;
+  const size_t n = dirs_.size();
+  const Vec3 c = scenario_.camera().position;
+  // The pattern is lost first where little of the projected light comes back: far away
+  // (it falls with the square of the distance) and at grazing incidence.
+  std::vector<float> weight(n, 0.f);
+  double sum[2] = {0, 0}, count[2] = {0, 0};
+  for (size_t i = 0; i < n; ++i) {
+    if (face[i] == 255) continue;
+    const Vec3 d = dirs_[i];
+    const Vec3 w = map_.right * (map_.mirrorX ? -d.x : d.x) + map_.up * d.y + map_.forward * d.z;
+    const float distance = staticDepth_[i] / d.z;
+    const float incidence = std::fabs(face[i] < 2 ? w.x : (face[i] < 4 ? w.y : w.z));
+    const float x = distance / 3000.f;
+    weight[i] = (0.5f + x * x) / std::sqrt(std::max(incidence, 0.1f));
+    const int kind = face[i] == 2 ? 0 : 1;
+    sum[kind] += weight[i];
+    count[kind] += 1;
+  }
+  const float share[2] = {sensor_.floorHoles, sensor_.wallHoles};
+  float scale[2];
+  for (int k = 0; k < 2; ++k) scale[k] = sum[k] > 0 ? static_cast<float>(share[k] * count[k] / sum[k]) : 0.f;
+  const uint64_t seed = mix64(scenario_.options().seed ^ 0x6A09E667F3BCC909ull);
+  holeMargin_.assign(n, kInf);
+  for (size_t i = 0; i < n; ++i) {
+    if (face[i] == 255) continue;
+    const int kind = face[i] == 2 ? 0 : 1;
+    if (share[kind] <= 0.f) continue;
+    const Vec3 d = dirs_[i];
+    const Vec3 w = map_.right * (map_.mirrorX ? -d.x : d.x) + map_.up * d.y + map_.forward * d.z;
+    const Vec3 p = c + w * (staticDepth_[i] / d.z);
+    const float u = face[i] < 2 ? p.z : p.x, v = face[i] < 2 || face[i] > 3 ? p.y : p.z;
+    holeMargin_[i] = patch_pattern(u, v, seed + face[i]) - pattern_level(std::min(0.9f, scale[kind] * weight[i]));
+  }
 }
 
 void Renderer::add_dynamic(float t) {
@@ -269,6 +353,16 @@ void Renderer::apply_sensor(int index, Frame& out) {
         }
         if (drop > 0.f && unit(r) < drop) scratch_[i] = 1;
       }
+    }
+  }
+
+  // Patches without depth on the floor and the walls, wherever they are not hidden behind
+  // something that moves; their rims flicker from frame to frame.
+  if (!holeMargin_.empty()) {
+    for (size_t i = 0; i < n; ++i) {
+      if (owner_[i] >= 0 || !(holeMargin_[i] < 0.1f)) continue;
+      if (holeMargin_[i] < 0.02f * gauss(mix64(key ^ (i * 0xD6E8FEB86659FD93ull) ^ 0x5851F42D4C957F2Dull)))
+        scratch_[i] = 1;
     }
   }
 

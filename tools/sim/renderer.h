@@ -52,6 +52,12 @@ struct SensorOptions {
   float edgeDropFar = 0.5f;    // probability of losing a pixel on the far side of a depth edge
   float edgeDropNear = 0.15f;  // ... on the near side
   float grazingCos = 0.09f;    // below this cosine of incidence a pixel is lost, up to twice it sometimes
+  // Patches of the floor and of the walls where the pattern is lost (dark or shiny spots):
+  // fixed in the room, drawn from the scenario's seed, with depth flickering at their rims.
+  // Each share is of that surface's pixels in view (up to 0.9); the patches gather where the
+  // surface is far or seen at a grazing angle. Part of `dropouts`.
+  float floorHoles = 0.f;
+  float wallHoles = 0.f;
   skeleton::ShiftConversionParams shift;  // the sensor tables depths are quantised through
 };
 
@@ -78,6 +84,7 @@ class Renderer {
   void raster(const std::vector<Primitive>& parts, int32_t firstIndex, std::vector<float>& depth,
               std::vector<int32_t>& owner) const;
   void apply_sensor(int index, Frame& out);
+  void place_holes(const std::vector<uint8_t>& surface);
 
   const Scenario& scenario_;
   SensorOptions sensor_;
@@ -87,6 +94,9 @@ class Renderer {
   uint32_t width_, height_;
   std::vector<Vec3> dirs_;
   std::vector<float> staticDepth_;
+  // Per pixel of the static scene: how far the surface's patch pattern is above the level at
+  // which depth is lost there (negative inside a patch; +inf where there are no patches).
+  std::vector<float> holeMargin_;
   std::vector<float> depth_;
   std::vector<int32_t> owner_;
   // Per-frame dynamic parts (camera space) and the labellers they refer to.
