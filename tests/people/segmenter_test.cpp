@@ -11,7 +11,7 @@
 #include "segmentation/depth_frame_input.h"
 #include "segmentation/seg_coordinate_mapper.h"
 #include "segmentation/user_segmenter.h"
-#include "support/person_scene.h"
+#include "support/sim_scene.h"
 
 using namespace quorvik::legacy;
 
@@ -30,10 +30,10 @@ struct Rect {
 class Harness {
  public:
   Harness()
-      : mapper(kW, kH, person_scene::kHfovDegrees * quorvik::skeleton::kDegreesToRadians,
-               person_scene::kVfovDegrees * quorvik::skeleton::kDegreesToRadians, 10000),
+      : mapper(kW, kH, sim_scene::kHfovDegrees * quorvik::skeleton::kDegreesToRadians,
+               sim_scene::kVfovDegrees * quorvik::skeleton::kDegreesToRadians, 10000),
         users(std::make_unique<UserSegmenter>()) {
-    const auto& t = person_scene::default_tables();
+    const auto& t = sim_scene::default_tables();
     tables = {1, t.shiftToDepth.data(), uint32_t(t.shiftToDepth.size()), t.depthToShift.data(),
               uint32_t(t.depthToShift.size())};
     floorMask.resize(kW, kH);
