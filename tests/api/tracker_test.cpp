@@ -152,22 +152,6 @@ TEST(TrackerStartup, DataFileFailuresAreReportedByEveryUpdate) {
   }
 }
 
-// Wherever the file ends, the tracker reports the file, not a crash or a forest of scraps.
-TEST(TrackerStartup, ADataFileCutAnywhereIsRefused) {
-  const DataFile whole = DataFile::single_leaf(17);
-  for (size_t length = 0; length < whole.bytes_.size(); ++length) {
-    SCOPED_TRACE(length);
-    DataFile cut = whole;
-    cut.bytes_.resize(length);
-    Tracker tracker(cut.write("cut"));
-    Depth depth(160, 120);
-    qbt_bodyframe_t frame;
-    const qbt_result_t code = qbt_bodytracker_update(tracker.handle, &depth.map, &frame);
-    EXPECT_TRUE(code == 2 || code == 3) << int{code};
-    EXPECT_EQ(last_text().rfind("bodytracker_update(): Data file ", 0), 0u) << last_text();
-  }
-}
-
 TEST(TrackerStartup, NullOptionsAndEmptyPathUseTheDefaultFile) {
   const fs::path cwd = fs::current_path();
   const fs::path dir = fs::temp_directory_path() / ("qbt-default-" + std::to_string(getpid()));
