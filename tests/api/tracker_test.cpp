@@ -358,26 +358,6 @@ TEST(TrackerLifetime, DestroyWaitsForARunningUpdate) {
   }
 }
 
-TEST(TrackerThreads, IndependentTrackersOnSeveralThreads) {
-  std::atomic<int> failures{0};
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 3; ++t) {
-    threads.emplace_back([&failures, t] {
-      Tracker tracker(valid_file());
-      Depth depth(160 * (t + 1), 120 * (t + 1), static_cast<uint16_t>(1500 + 500 * t));
-      for (int i = 0; i < 20; ++i) {
-        qbt_bodyframe_t frame;
-        if (qbt_bodytracker_update(tracker.handle, &depth.map, &frame) != 0) ++failures;
-        qbt_bodylist_t list;
-        if (qbt_bodyframe_body_list(frame, &list) != 0) ++failures;
-        qbt_bodyframe_release(&frame);
-      }
-    });
-  }
-  for (auto& th : threads) th.join();
-  EXPECT_EQ(failures.load(), 0);
-}
-
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
 // One arena, and every large block mapped on its own, so that the workers' allocations
 // count against an address space limit instead of coming out of a heap reserved earlier.

@@ -75,12 +75,6 @@ TEST(ForestReaderTest, ReadsAHandWrittenFile) {
   EXPECT_EQ(second.best_label, kBestLabelUnknown);
 }
 
-TEST(ForestReaderTest, QuantumIsTheRoundedReciprocal) {
-  uint32_t bits;
-  std::memcpy(&bits, &forest_format::kQuantumScale, 4);
-  EXPECT_EQ(bits, 0x37800080u);
-}
-
 LabelDistribution decode(const DistributionRecord& record) {
   FileBuilder b;
   b.start();
@@ -133,14 +127,6 @@ TEST(ForestReaderTest, NodeChunksOfOneTreeConcatenate) {
   EXPECT_THAT(tree.node(0).offsets, ::testing::ElementsAre(0, 0, 0, 0));
   EXPECT_EQ(tree.node(1).target, 1u);
   EXPECT_GT(tree.leaf_distribution(tree.node(1)).get(2), 0.f);
-}
-
-TEST(ForestReaderTest, HeaderTypeIsNotChecked) {
-  FileBuilder b;
-  b.w.signature();
-  b.w.header(1, "XXXX");
-  b.stump();
-  EXPECT_TRUE(parse_bytes(b.finish()).is_ok());
 }
 
 TEST(ForestReaderTest, LaterOffsetTableReplacesTheEarlierOne) {

@@ -190,32 +190,6 @@ TEST(Render, PersonPixelsAreExactlyThePersonsSurface) {
   }
 }
 
-TEST(Render, LabelsAndIdsFollowTheMeasuredDepth) {
-  ScenarioOptions o;
-  o.name = "mixed";
-  o.people = 3;
-  o.frames = 200;
-  o.seed = 13;
-  const Scenario sc = Scenario::make(o);
-  Renderer r(sc);
-  Frame f;
-  for (int i = 0; i < 200; i += 40) {
-    SCOPED_TRACE(i);
-    r.render(i, f);
-    std::vector<uint32_t> count(8, 0);
-    for (size_t k = 0; k < f.depth.size(); ++k) {
-      ASSERT_EQ(f.ids[k] != 0, f.labels[k] != 0);
-      if (f.depth[k] == 0) {
-        ASSERT_EQ(f.ids[k], 0);
-      }
-      ASSERT_LE(f.labels[k], 27);
-      ASSERT_LE(f.ids[k], sc.actors().size());
-      ++count[f.ids[k]];
-    }
-    for (const PersonTruth& p : f.people) EXPECT_EQ(p.pixels, count[p.id]);
-  }
-}
-
 // In any pose, a joint never projects onto scenery that lies behind it, away from its person.
 TEST(Render, JointsNeverFloatOverTheBackground) {
   for (const char* name : {"mixed", "crouch", "kick", "sit", "crossing"}) {
