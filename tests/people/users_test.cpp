@@ -43,9 +43,10 @@ void check_frame(SceneEngine& run, const std::vector<uint16_t>& depth) {
   }
 }
 
-// Share of the person's pixels that carry the id, and share of the id's pixels on the person.
-void coverage(const SceneEngine& run, const Scene& scene, int person, uint16_t id, double& recall,
-              double& precision) {
+// The share of the person's pixels that carry the id (recall) and of the id's pixels that
+// lie on the person (precision) exceed the given minimums.
+void expect_coverage(const SceneEngine& run, const Scene& scene, int person, uint16_t id, double minRecall = 0.8,
+                     double minPrecision = 0.9) {
   const std::vector<uint8_t> mask = scene.mask_of(person);
   int both = 0, onPerson = 0, withId = 0;
   for (int y = 0; y < scene.height(); ++y) {
@@ -57,8 +58,8 @@ void coverage(const SceneEngine& run, const Scene& scene, int person, uint16_t i
       withId += l;
     }
   }
-  recall = onPerson > 0 ? double(both) / onPerson : 0;
-  precision = withId > 0 ? double(both) / withId : 0;
+  EXPECT_GT(onPerson > 0 ? double(both) / onPerson : 0, minRecall) << "recall of id " << id;
+  EXPECT_GT(withId > 0 ? double(both) / withId : 0, minPrecision) << "precision of id " << id;
 }
 
 // Walks a person from startX to endX at depth z, one step per frame, checking every frame.
@@ -111,10 +112,7 @@ TEST(Users, PersonWalkingInGetsIdOneWithinThirtyFramesOfBeingFullyVisible) {
     EXPECT_LE(firstId, full + 30);
     EXPECT_EQ(id, 1);
     EXPECT_EQ(run.users().active_user_count(), 1);
-    double recall = 0, precision = 0;
-    coverage(run, scene, p, id, recall, precision);
-    EXPECT_GT(recall, 0.8);
-    EXPECT_GT(precision, 0.9);
+    expect_coverage(run, scene, p, id);
     // Standing still afterwards keeps the id.
     const std::vector<uint16_t> still = scene.render();
     for (int f = 0; f < 60; ++f) {
@@ -303,18 +301,12 @@ TEST(Users, TwoPeopleWhoTouchAndSeparateKeepTheirIds) {
     if (path[f] == touching) {
       // The shared region is cut between the two.
       for (int person : {a, b}) {
-        double recall = 0, precision = 0;
-        coverage(run, scene, person, person == a ? idA : idB, recall, precision);
-        EXPECT_GT(recall, 0.8);
-        EXPECT_GT(precision, 0.9);
+        expect_coverage(run, scene, person, person == a ? idA : idB);
       }
     }
   }
   EXPECT_TRUE(paired) << "the two never joined into one region";
-  double recall = 0, precision = 0;
-  coverage(run, scene, b, idB, recall, precision);
-  EXPECT_GT(recall, 0.8);
-  EXPECT_GT(precision, 0.9);
+  expect_coverage(run, scene, b, idB);
   EXPECT_EQ(run.users().active_user_count(), 2);
 }
 
@@ -393,10 +385,7 @@ TEST(Users, APersonInTheSceneFromTheFirstFrameGetsAnIdOnlyAfterWalkingOff) {
   ASSERT_GE(first, 0);
   EXPECT_LE(first, 30);
   EXPECT_EQ(id, 1);
-  double recall = 0, precision = 0;
-  coverage(run, scene, p, id, recall, precision);
-  EXPECT_GT(recall, 0.9);
-  EXPECT_GT(precision, 0.9);
+  expect_coverage(run, scene, p, id, 0.9);
 }
 
 TEST(Users, AUserKeepsTheIdThroughABackgroundReset) {
@@ -419,10 +408,7 @@ TEST(Users, AUserKeepsTheIdThroughABackgroundReset) {
     ASSERT_EQ(id_of(run, scene, p), id);
     ASSERT_EQ(run.users().active_user_count(), 1);
   }
-  double recall = 0, precision = 0;
-  coverage(run, scene, p, id, recall, precision);
-  EXPECT_GT(recall, 0.85);
-  EXPECT_GT(precision, 0.9);
+  expect_coverage(run, scene, p, id, 0.85);
 }
 
 TEST(Users, TwoPeopleWhoComeInTogetherGetTwoIdsOnceApart) {
@@ -445,9 +431,6 @@ TEST(Users, TwoPeopleWhoComeInTogetherGetTwoIdsOnceApart) {
   EXPECT_NE(idB, 0);
   EXPECT_NE(idA, idB);
   for (int person : {a, b}) {
-    double recall = 0, precision = 0;
-    coverage(run, scene, person, person == a ? idA : idB, recall, precision);
-    EXPECT_GT(recall, 0.8);
-    EXPECT_GT(precision, 0.9);
+    expect_coverage(run, scene, person, person == a ? idA : idB);
   }
 }
