@@ -244,6 +244,23 @@ TEST(UserSegmenter, BadFramesAndSceneChangesRemoveUsersThatCannotBeTraced) {
   EXPECT_EQ(h.users->free_ids().back(), 1u);
 }
 
+// Two users whose pixels merge into one region pair up; once one of them is gone the
+// other is single again and held to a single person's area.
+TEST(UserSegmenter, APairEndsWithEitherOfItsUsers) {
+  Harness h;
+  const Rect a{40, 20, 69, 109, 2500}, b{75, 20, 89, 109, 2500}, merged{40, 20, 89, 109, 2500};
+  const TrackedCandidate ca[] = {candidate(a)}, cb[] = {candidate(b)};
+  h.step({a}, ca);
+  h.step({a, b}, cb);
+  h.step({merged});
+  ASSERT_EQ(h.users->user(1).pairPartner, 2);
+  h.badFrame = true;  // the second of a pair owns no region: a bad frame removes it
+  h.step({merged});
+  EXPECT_FALSE(h.users->is_active(2));
+  EXPECT_TRUE(h.users->is_active(1));
+  EXPECT_EQ(h.users->user(1).pairPartner, 0);
+}
+
 TEST(UserSegmenter, IdsAreHandedOutLowestFirstAndReusedLastFreedFirst) {
   Harness h;
   const Rect p0{10, 20, 29, 109, 2500}, p1{60, 20, 79, 109, 2500}, p2{110, 20, 129, 109, 2500};
