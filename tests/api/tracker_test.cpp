@@ -5,7 +5,6 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <chrono>
 #include <climits>
 #include <cstdio>
@@ -14,6 +13,7 @@
 #include <fstream>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -366,6 +366,19 @@ void count_every_allocation() {
   mallopt(M_MMAP_THRESHOLD, 128 * 1024);
 }
 
+// Runs `call` with only `spareKiB` of address space beyond what is mapped now; returns its
+// code and the error text it left.
+template <typename Call>
+std::pair<qbt_result_t, std::string> with_spare_address_space(long spareKiB, Call call) {
+  const rlimit tight{static_cast<rlim_t>(status_kib("VmSize:") + spareKiB) * 1024, RLIM_INFINITY};
+  const rlimit open{RLIM_INFINITY, RLIM_INFINITY};
+  setrlimit(RLIMIT_AS, &tight);
+  const qbt_result_t code = call();
+  const std::string text = last_text();
+  setrlimit(RLIMIT_AS, &open);
+  return {code, text};
+}
+
 // The body tracker is built on the worker by the first update. With the address space
 // nearly used up that build fails: the host gets 103 with the exception's text, and once
 // memory is back the next update builds it and tracks.
@@ -373,14 +386,10 @@ void update_with_the_address_space_nearly_used_up() {
   count_every_allocation();
   Tracker tracker(valid_file());
   std::this_thread::sleep_for(std::chrono::milliseconds(300));  // the small file is read by now
-  const rlimit tight{static_cast<rlim_t>(status_kib("VmSize:") + 4096) * 1024, RLIM_INFINITY};
-  const rlimit open{RLIM_INFINITY, RLIM_INFINITY};
   Depth depth(160, 120);
   qbt_bodyframe_t frame;
-  setrlimit(RLIMIT_AS, &tight);
-  const qbt_result_t failed = qbt_bodytracker_update(tracker.handle, &depth.map, &frame);
-  const std::string text = last_text();
-  setrlimit(RLIMIT_AS, &open);
+  const auto [failed, text] =
+      with_spare_address_space(4096, [&] { return qbt_bodytracker_update(tracker.handle, &depth.map, &frame); });
   if (failed != 103 || text.rfind("qbt_bodytracker_update(): Internal unhandled exception: ", 0) != 0) {
     std::fprintf(stderr, "first update: %d %s\n", failed, text.c_str());
     _exit(1);
@@ -401,12 +410,8 @@ void large_update_with_the_address_space_nearly_used_up() {
   qbt_bodyframe_t frame;
   if (qbt_bodytracker_update(tracker.handle, &small.map, &frame) != 0) _exit(1);
   qbt_bodyframe_release(&frame);
-  const rlimit tight{static_cast<rlim_t>(status_kib("VmSize:") + 11 * 1024) * 1024, RLIM_INFINITY};
-  const rlimit open{RLIM_INFINITY, RLIM_INFINITY};
-  setrlimit(RLIMIT_AS, &tight);
-  const qbt_result_t failed = qbt_bodytracker_update(tracker.handle, &large.map, &frame);
-  const std::string text = last_text();
-  setrlimit(RLIMIT_AS, &open);
+  const auto [failed, text] =
+      with_spare_address_space(11 * 1024, [&] { return qbt_bodytracker_update(tracker.handle, &large.map, &frame); });
   if (failed != 103 || text != "qbt_bodytracker_update(): Internal unhandled exception: std::bad_alloc") {
     std::fprintf(stderr, "first update: %d %s\n", failed, text.c_str());
     _exit(2);
@@ -421,25 +426,15 @@ void large_update_with_the_address_space_nearly_used_up() {
   _exit(0);
 }
 
-TEST(TrackerDeathTest, AnUpdateWithoutMemoryIsReportedAndTheNextOneWorks) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
-  EXPECT_EXIT(large_update_with_the_address_space_nearly_used_up(), ::testing::ExitedWithCode(0), "");
-}
-
 // Without room for the workers' stacks the tracker cannot start: the host gets 103 and no
 // handle, and can create one once memory is back.
 void create_with_the_address_space_nearly_used_up() {
   count_every_allocation();
-  const rlimit tight{static_cast<rlim_t>(status_kib("VmSize:") + 1024) * 1024, RLIM_INFINITY};
-  const rlimit open{RLIM_INFINITY, RLIM_INFINITY};
   qbt_bodytracker_options_t options;
   qbt_bodytracker_fill_default_options(&options);
   options.dataFilePath = valid_file().c_str();
   qbt_bodytracker_t tracker = nullptr;
-  setrlimit(RLIMIT_AS, &tight);
-  const qbt_result_t failed = qbt_bodytracker_create(&options, &tracker);
-  const std::string text = last_text();
-  setrlimit(RLIMIT_AS, &open);
+  const auto [failed, text] = with_spare_address_space(1024, [&] { return qbt_bodytracker_create(&options, &tracker); });
   if (failed != 103 || tracker != nullptr ||
       text != "qbt_bodytracker_create(): Internal unhandled exception: Resource temporarily unavailable") {
     std::fprintf(stderr, "create: %d %s\n", failed, text.c_str());
@@ -454,14 +449,11 @@ void create_with_the_address_space_nearly_used_up() {
   _exit(0);
 }
 
-TEST(TrackerDeathTest, ACreateWithoutThreadsIsReportedAndCanBeRepeated) {
+TEST(TrackerDeathTest, WhatFailsForWantOfMemoryIsReportedAndWorksOnceMemoryIsBack) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
-  EXPECT_EXIT(create_with_the_address_space_nearly_used_up(), ::testing::ExitedWithCode(0), "");
-}
-
-TEST(TrackerDeathTest, AFailedBuildIsReportedAndTheNextUpdateBuildsAgain) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
-  EXPECT_EXIT(update_with_the_address_space_nearly_used_up(), ::testing::ExitedWithCode(0), "");
+  EXPECT_EXIT(create_with_the_address_space_nearly_used_up(), ::testing::ExitedWithCode(0), "") << "create";
+  EXPECT_EXIT(update_with_the_address_space_nearly_used_up(), ::testing::ExitedWithCode(0), "") << "first update";
+  EXPECT_EXIT(large_update_with_the_address_space_nearly_used_up(), ::testing::ExitedWithCode(0), "") << "large";
 }
 #endif
 
