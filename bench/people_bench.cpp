@@ -7,17 +7,17 @@
 
 #include <vector>
 
-#include "support/person_scene.h"
+#include "support/sim_scene.h"
 
 namespace {
 
-using person_scene::PersonScene;
-using person_scene::SceneEngine;
+using sim_scene::Scene;
+using sim_scene::SceneEngine;
 
 // A loop of frames in which two people walk towards each other, cross and walk back, so
 // that the sequence can be replayed without a jump.
 std::vector<std::vector<uint16_t>> two_walkers(int frames) {
-  PersonScene scene;
+  Scene scene;
   scene.floor().wall(4000.f);
   const int a = scene.add_person(-1100.f, 2500.f);
   const int b = scene.add_person(1100.f, 3300.f);
@@ -33,7 +33,7 @@ std::vector<std::vector<uint16_t>> two_walkers(int frames) {
 
 // The two people walk in from both sides to where the loop starts.
 void walk_in(SceneEngine& run) {
-  PersonScene scene;
+  Scene scene;
   scene.floor().wall(4000.f);
   const int a = scene.add_person(-2600.f, 2500.f);
   const int b = scene.add_person(3000.f, 3300.f);

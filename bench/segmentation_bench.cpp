@@ -7,14 +7,14 @@
 
 // The scene builder of the segmentation tests, compiled into this binary.
 #include "segmentation/segmentation_engine.h"
-#include "support/scene_util.h"
+#include "support/sim_scene.h"
 
 namespace {
 
 using namespace quorvik::legacy;
 
 void BM_EngineFrame(benchmark::State& state) {
-  scene::SceneBuilder builder(1200, 8);
+  sim_scene::Scene builder(1200, 8);
   builder.floor().wall(4000);
   std::vector<std::vector<uint16_t>> frames;
   for (int step = 0; step < 60; ++step) {
@@ -22,14 +22,14 @@ void BM_EngineFrame(benchmark::State& state) {
     builder.clear_boxes().box(-900.f + 60.f * phase, 2300.f, 400.f, 300.f, 1700.f);
     frames.push_back(builder.render());
   }
-  const auto& t = scene::default_tables();
+  const auto& t = sim_scene::default_tables();
   const ConversionTableRef tables{1, t.shiftToDepth.data(), uint32_t(t.shiftToDepth.size()),
                                   t.depthToShift.data(), uint32_t(t.depthToShift.size())};
   SegmentationFormat format;
   format.width = 160;
   format.height = 120;
-  format.hfov = scene::kHfovDegrees * quorvik::skeleton::kDegreesToRadians;
-  format.vfov = scene::kVfovDegrees * quorvik::skeleton::kDegreesToRadians;
+  format.hfov = sim_scene::kHfovDegrees * quorvik::skeleton::kDegreesToRadians;
+  format.vfov = sim_scene::kVfovDegrees * quorvik::skeleton::kDegreesToRadians;
 
   auto engine = SegmentationEngine::create();
   engine->reset();
@@ -50,13 +50,13 @@ BENCHMARK(BM_EngineFrame)->Unit(benchmark::kMicrosecond);
 
 // The candidate stage alone on the same scene (its share of the engine frame).
 void BM_CandidateDetector(benchmark::State& state) {
-  scene::SceneBuilder builder(1200, 8);
+  sim_scene::Scene builder(1200, 8);
   builder.floor().wall(4000).box(0.f, 2300.f, 400.f, 300.f, 1700.f);
   const std::vector<uint16_t> depth = builder.render();
-  const auto& t = scene::default_tables();
+  const auto& t = sim_scene::default_tables();
   const quorvik::skeleton::SegCoordinateMapper<double> mapper(
-      160, 120, scene::kHfovDegrees * quorvik::skeleton::kDegreesToRadians,
-      scene::kVfovDegrees * quorvik::skeleton::kDegreesToRadians, 10000);
+      160, 120, sim_scene::kHfovDegrees * quorvik::skeleton::kDegreesToRadians,
+      sim_scene::kVfovDegrees * quorvik::skeleton::kDegreesToRadians, 10000);
   auto detector = std::make_unique<PersonCandidateDetector>();
   detector->start(160, 120, t.shiftToDepth.data(), t.depthToShift.data(), false, &mapper);
   Array2D<uint16_t> raw(160, 120), shift(160, 120), shadow(160, 120);

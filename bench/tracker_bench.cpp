@@ -15,7 +15,7 @@
 #include "quorvik/body_tracking.h"
 #include "renderer.h"
 #include "scene.h"
-#include "support/person_scene.h"
+#include "support/sim_scene.h"
 
 namespace {
 
@@ -107,7 +107,7 @@ void BM_Update(benchmark::State& state) {
   const int people = int(state.range(1));
   qbt_bodytracker_t tracker = create_tracker();
 
-  person_scene::PersonScene scene(1000.f, 5.f, 160 * scale, 120 * scale);
+  sim_scene::Scene scene(1000.f, 5.f, 160 * scale, 120 * scale);
   scene.floor().wall(4500);
   for (int p = 0; p < people; ++p) scene.add_person(-2600.f - 1200.f * p, 2600.f + 600.f * p);
   // Frames of people walking in; the sequence repeats once they are tracked.

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Installs what the build needs (Debian 12, as root), then configures and builds into $BUILD_DIR.
 # Usage: tools/setup.sh [extra cmake arguments...]
+# QBT_TARGETS="a b" builds only those targets (and what they need) instead of everything.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 packages=(cmake g++ make pkg-config libspdlog-dev libfmt-dev libeigen3-dev libgtest-dev libgmock-dev
@@ -19,7 +20,12 @@ if [ ${#missing[@]} -gt 0 ]; then
 fi
 BUILD_DIR=${BUILD_DIR:-build}
 cmake -S . -B "$BUILD_DIR" -DCMAKE_BUILD_TYPE=${BUILD_TYPE:-Release} "$@" >/dev/null
-cmake --build "$BUILD_DIR" -j"$(nproc)"
+if [ -n "${QBT_TARGETS:-}" ]; then
+  # shellcheck disable=SC2086  # a list of target names
+  cmake --build "$BUILD_DIR" -j"$(nproc)" --target $QBT_TARGETS
+else
+  cmake --build "$BUILD_DIR" -j"$(nproc)"
+fi
 # The system's python3 (the one Debian's NumPy is for) imports the built Python package from
 # here on; `cmake --install` installs a copy that takes precedence over it.
 if [ -d "$BUILD_DIR/python/quorvik_body_tracking" ] && [ -x /usr/bin/python3 ] && [ "$(id -u)" = 0 ] &&

@@ -5,7 +5,6 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <chrono>
 #include <climits>
 #include <cstdio>
@@ -14,6 +13,7 @@
 #include <fstream>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -149,22 +149,6 @@ TEST(TrackerStartup, DataFileFailuresAreReportedByEveryUpdate) {
     qbt_bodyframe_t frame;
     EXPECT_EQ(qbt_asyncbodyframe_take_frame(async, &frame), c.code);
     EXPECT_EQ(last_text().rfind("qbt_asyncbodyframe_take_frame(): ", 0), 0u) << last_text();
-  }
-}
-
-// Wherever the file ends, the tracker reports the file, not a crash or a forest of scraps.
-TEST(TrackerStartup, ADataFileCutAnywhereIsRefused) {
-  const DataFile whole = DataFile::single_leaf(17);
-  for (size_t length = 0; length < whole.bytes_.size(); ++length) {
-    SCOPED_TRACE(length);
-    DataFile cut = whole;
-    cut.bytes_.resize(length);
-    Tracker tracker(cut.write("cut"));
-    Depth depth(160, 120);
-    qbt_bodyframe_t frame;
-    const qbt_result_t code = qbt_bodytracker_update(tracker.handle, &depth.map, &frame);
-    EXPECT_TRUE(code == 2 || code == 3) << int{code};
-    EXPECT_EQ(last_text().rfind("bodytracker_update(): Data file ", 0), 0u) << last_text();
   }
 }
 
@@ -374,32 +358,25 @@ TEST(TrackerLifetime, DestroyWaitsForARunningUpdate) {
   }
 }
 
-TEST(TrackerThreads, IndependentTrackersOnSeveralThreads) {
-  std::atomic<int> failures{0};
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 3; ++t) {
-    threads.emplace_back([&failures, t] {
-      Tracker tracker(valid_file());
-      Depth depth(160 * (t + 1), 120 * (t + 1), static_cast<uint16_t>(1500 + 500 * t));
-      for (int i = 0; i < 20; ++i) {
-        qbt_bodyframe_t frame;
-        if (qbt_bodytracker_update(tracker.handle, &depth.map, &frame) != 0) ++failures;
-        qbt_bodylist_t list;
-        if (qbt_bodyframe_body_list(frame, &list) != 0) ++failures;
-        qbt_bodyframe_release(&frame);
-      }
-    });
-  }
-  for (auto& th : threads) th.join();
-  EXPECT_EQ(failures.load(), 0);
-}
-
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
 // One arena, and every large block mapped on its own, so that the workers' allocations
 // count against an address space limit instead of coming out of a heap reserved earlier.
 void count_every_allocation() {
   mallopt(M_ARENA_MAX, 1);
   mallopt(M_MMAP_THRESHOLD, 128 * 1024);
+}
+
+// Runs `call` with only `spareKiB` of address space beyond what is mapped now; returns its
+// code and the error text it left.
+template <typename Call>
+std::pair<qbt_result_t, std::string> with_spare_address_space(long spareKiB, Call call) {
+  const rlimit tight{static_cast<rlim_t>(status_kib("VmSize:") + spareKiB) * 1024, RLIM_INFINITY};
+  const rlimit open{RLIM_INFINITY, RLIM_INFINITY};
+  setrlimit(RLIMIT_AS, &tight);
+  const qbt_result_t code = call();
+  const std::string text = last_text();
+  setrlimit(RLIMIT_AS, &open);
+  return {code, text};
 }
 
 // The body tracker is built on the worker by the first update. With the address space
@@ -409,14 +386,10 @@ void update_with_the_address_space_nearly_used_up() {
   count_every_allocation();
   Tracker tracker(valid_file());
   std::this_thread::sleep_for(std::chrono::milliseconds(300));  // the small file is read by now
-  const rlimit tight{static_cast<rlim_t>(status_kib("VmSize:") + 4096) * 1024, RLIM_INFINITY};
-  const rlimit open{RLIM_INFINITY, RLIM_INFINITY};
   Depth depth(160, 120);
   qbt_bodyframe_t frame;
-  setrlimit(RLIMIT_AS, &tight);
-  const qbt_result_t failed = qbt_bodytracker_update(tracker.handle, &depth.map, &frame);
-  const std::string text = last_text();
-  setrlimit(RLIMIT_AS, &open);
+  const auto [failed, text] =
+      with_spare_address_space(4096, [&] { return qbt_bodytracker_update(tracker.handle, &depth.map, &frame); });
   if (failed != 103 || text.rfind("qbt_bodytracker_update(): Internal unhandled exception: ", 0) != 0) {
     std::fprintf(stderr, "first update: %d %s\n", failed, text.c_str());
     _exit(1);
@@ -437,12 +410,8 @@ void large_update_with_the_address_space_nearly_used_up() {
   qbt_bodyframe_t frame;
   if (qbt_bodytracker_update(tracker.handle, &small.map, &frame) != 0) _exit(1);
   qbt_bodyframe_release(&frame);
-  const rlimit tight{static_cast<rlim_t>(status_kib("VmSize:") + 11 * 1024) * 1024, RLIM_INFINITY};
-  const rlimit open{RLIM_INFINITY, RLIM_INFINITY};
-  setrlimit(RLIMIT_AS, &tight);
-  const qbt_result_t failed = qbt_bodytracker_update(tracker.handle, &large.map, &frame);
-  const std::string text = last_text();
-  setrlimit(RLIMIT_AS, &open);
+  const auto [failed, text] =
+      with_spare_address_space(11 * 1024, [&] { return qbt_bodytracker_update(tracker.handle, &large.map, &frame); });
   if (failed != 103 || text != "qbt_bodytracker_update(): Internal unhandled exception: std::bad_alloc") {
     std::fprintf(stderr, "first update: %d %s\n", failed, text.c_str());
     _exit(2);
@@ -457,25 +426,15 @@ void large_update_with_the_address_space_nearly_used_up() {
   _exit(0);
 }
 
-TEST(TrackerDeathTest, AnUpdateWithoutMemoryIsReportedAndTheNextOneWorks) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
-  EXPECT_EXIT(large_update_with_the_address_space_nearly_used_up(), ::testing::ExitedWithCode(0), "");
-}
-
 // Without room for the workers' stacks the tracker cannot start: the host gets 103 and no
 // handle, and can create one once memory is back.
 void create_with_the_address_space_nearly_used_up() {
   count_every_allocation();
-  const rlimit tight{static_cast<rlim_t>(status_kib("VmSize:") + 1024) * 1024, RLIM_INFINITY};
-  const rlimit open{RLIM_INFINITY, RLIM_INFINITY};
   qbt_bodytracker_options_t options;
   qbt_bodytracker_fill_default_options(&options);
   options.dataFilePath = valid_file().c_str();
   qbt_bodytracker_t tracker = nullptr;
-  setrlimit(RLIMIT_AS, &tight);
-  const qbt_result_t failed = qbt_bodytracker_create(&options, &tracker);
-  const std::string text = last_text();
-  setrlimit(RLIMIT_AS, &open);
+  const auto [failed, text] = with_spare_address_space(1024, [&] { return qbt_bodytracker_create(&options, &tracker); });
   if (failed != 103 || tracker != nullptr ||
       text != "qbt_bodytracker_create(): Internal unhandled exception: Resource temporarily unavailable") {
     std::fprintf(stderr, "create: %d %s\n", failed, text.c_str());
@@ -490,14 +449,11 @@ void create_with_the_address_space_nearly_used_up() {
   _exit(0);
 }
 
-TEST(TrackerDeathTest, ACreateWithoutThreadsIsReportedAndCanBeRepeated) {
+TEST(TrackerDeathTest, WhatFailsForWantOfMemoryIsReportedAndWorksOnceMemoryIsBack) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
-  EXPECT_EXIT(create_with_the_address_space_nearly_used_up(), ::testing::ExitedWithCode(0), "");
-}
-
-TEST(TrackerDeathTest, AFailedBuildIsReportedAndTheNextUpdateBuildsAgain) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
-  EXPECT_EXIT(update_with_the_address_space_nearly_used_up(), ::testing::ExitedWithCode(0), "");
+  EXPECT_EXIT(create_with_the_address_space_nearly_used_up(), ::testing::ExitedWithCode(0), "") << "create";
+  EXPECT_EXIT(update_with_the_address_space_nearly_used_up(), ::testing::ExitedWithCode(0), "") << "first update";
+  EXPECT_EXIT(large_update_with_the_address_space_nearly_used_up(), ::testing::ExitedWithCode(0), "") << "large";
 }
 #endif
 

@@ -54,4 +54,8 @@ struct RunResult {
 // `environment` ("NAME=value ...") set for it.
 RunResult run_qbt(const std::string& args, const std::string& environment = "");
 
+// The whole file as text (empty when it cannot be read), and a text's lines.
+std::string slurp(const std::string& path);
+std::vector<std::string> lines_of(const std::string& text);
+
 }  // namespace cli_test

@@ -46,21 +46,6 @@ TEST(DemoCommand, SixtyFramesWritePicturesAndAReport) {
   EXPECT_NE(r.out.find("overlay.gif"), std::string::npos) << "the report says where the pictures went";
 }
 
-TEST(DemoScene, BothPeopleComeInAndOneLeaves) {
-  const quorvik::sim::Scenario sc = quorvik::cli::demo_scenario(270);
-  quorvik::sim::Renderer renderer(sc);
-  quorvik::sim::Frame f;
-  auto visible = [&](int frame) {
-    renderer.render(frame, f);
-    int people = 0;
-    for (const auto& p : f.people) people += p.pixels > 2000;
-    return people;
-  };
-  EXPECT_EQ(visible(0), 0) << "the room starts empty";
-  EXPECT_EQ(visible(120), 2);
-  EXPECT_EQ(visible(269), 1) << "one has left by the end";
-}
-
 // Runs the demo scene, plain or mirrored, through a tracker frame by frame.
 void track_demo(const std::string& data, int frames, bool mirrored,
                 const std::function<void(const TrackedFrame&, const quorvik::sim::Frame&)>& each) {

@@ -35,6 +35,7 @@ namespace {
 namespace fs = std::filesystem;
 using nlohmann::json;
 using quorvik::cli::RgbImage;
+using cli_test::slurp;
 
 TEST(LiveWindow, PictureIsEnlargedByAWholeFactorMirroredOnRequestAndCarriesTheNumbers) {
   RgbImage picture(320, 240);
@@ -62,13 +63,6 @@ TEST(LiveWindow, PictureIsEnlargedByAWholeFactorMirroredOnRequestAndCarriesTheNu
 }
 
 #if defined(QBT_CLI_TESTS_WITH_X11) && defined(QBT_CLI_WITH_SDL2)
-
-std::string slurp(const std::string& path) {
-  std::ifstream in(path);
-  std::stringstream ss;
-  ss << in.rdbuf();
-  return ss.str();
-}
 
 std::string command_output(const std::string& cmd) {
   std::string out;

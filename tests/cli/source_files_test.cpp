@@ -16,13 +16,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-std::string slurp(const std::string& path) {
-  std::ifstream in(path);
-  std::stringstream ss;
-  ss << in.rdbuf();
-  return ss.str();
-}
-
 TEST(FileSource, ARecordingPlayedAndRecordedAgainTracksTheSame) {
   cli_test::ScratchDir dir("files");
   cli_test::write_box_forest(dir / "box.data");
@@ -35,7 +28,7 @@ TEST(FileSource, ARecordingPlayedAndRecordedAgainTracksTheSame) {
   const cli_test::RunResult original = cli_test::run_qbt("track " + dir / "sim" + data);
   const cli_test::RunResult again = cli_test::run_qbt("track " + dir / "rec" + data);
   ASSERT_EQ(again.code, 0) << again.err;
-  EXPECT_EQ(again.out, slurp(dir / "view.jsonl"));
+  EXPECT_EQ(again.out, cli_test::slurp(dir / "view.jsonl"));
   EXPECT_EQ(again.out, original.out);
   EXPECT_NE(original.out.find("\"id\":1"), std::string::npos) << "someone to compare";
 

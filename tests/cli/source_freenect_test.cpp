@@ -20,20 +20,6 @@ namespace {
 namespace fs = std::filesystem;
 using nlohmann::json;
 
-std::vector<std::string> lines_of(const std::string& text) {
-  std::vector<std::string> lines;
-  std::istringstream in(text);
-  for (std::string line; std::getline(in, line);) lines.push_back(line);
-  return lines;
-}
-
-std::string slurp(const std::string& path) {
-  std::ifstream in(path);
-  std::stringstream ss;
-  ss << in.rdbuf();
-  return ss.str();
-}
-
 TEST(FreenectSource, PlaybackIsTrackedLikeTheRecordingAndItsEndKeepsWhatWasRecorded) {
 #ifndef QBT_CLI_WITH_FREENECT
   GTEST_SKIP() << "built without libfreenect";
@@ -56,7 +42,7 @@ TEST(FreenectSource, PlaybackIsTrackedLikeTheRecordingAndItsEndKeepsWhatWasRecor
   EXPECT_NE(live.err.find(std::to_string(kFrames) + " frames read"), std::string::npos) << live.err;
 
   // What was recorded is kept, with an index that says which camera frame each one was.
-  const json meta = json::parse(slurp(dir / "rec/recording.json"));
+  const json meta = json::parse(cli_test::slurp(dir / "rec/recording.json"));
   const std::vector<std::vector<uint16_t>> recorded = cli_test::read_recorded_frames(dir / "rec");
   ASSERT_EQ(meta["frames"].size(), recorded.size());
   ASSERT_GE(recorded.size(), 2u);
@@ -77,14 +63,14 @@ TEST(FreenectSource, PlaybackIsTrackedLikeTheRecordingAndItsEndKeepsWhatWasRecor
   // The recording reads back into the same bodies.
   const cli_test::RunResult again = cli_test::run_qbt("track " + dir / "rec" + " --data " + dir / "box.data");
   ASSERT_EQ(again.code, 0) << again.err;
-  const std::vector<std::string> liveLines = lines_of(slurp(dir / "live.jsonl"));
-  EXPECT_EQ(lines_of(again.out), liveLines);
+  const std::vector<std::string> liveLines = cli_test::lines_of(cli_test::slurp(dir / "live.jsonl"));
+  EXPECT_EQ(cli_test::lines_of(again.out), liveLines);
 
   // Up to the first frame the tracker had to skip, the bodies are those of tracking the
   // simulated recording itself.
   const cli_test::RunResult direct = cli_test::run_qbt("track " + dir / "sim" + " --data " + dir / "box.data");
   ASSERT_EQ(direct.code, 0) << direct.err;
-  const std::vector<std::string> directLines = lines_of(direct.out);
+  const std::vector<std::string> directLines = cli_test::lines_of(direct.out);
   int bodies = 0;
   for (size_t i = 0; i < liveLines.size() && meta["frames"][i]["source_frame"].get<int>() == static_cast<int>(i); ++i) {
     SCOPED_TRACE(i);

@@ -25,13 +25,6 @@ using nlohmann::json;
 
 const std::string kRoom = QBT_SOURCE_DIR "/../shared/data/room-12-frames.oni";
 
-std::vector<std::string> lines_of(const std::string& text) {
-  std::vector<std::string> lines;
-  std::istringstream in(text);
-  for (std::string line; std::getline(in, line);) lines.push_back(line);
-  return lines;
-}
-
 #ifdef QBT_CLI_WITH_OPENNI2
 // The frames as OpenNI2 delivers them, read here without qbt.
 std::vector<std::vector<uint16_t>> frames_from_openni(const std::string& path) {
@@ -80,7 +73,7 @@ TEST_F(OpenNi2Source, TrackAndLiveReadTheRecordingsFramesAndFindNoBody) {
 
   const cli_test::RunResult track = cli_test::run_qbt("track " + kRoom);
   ASSERT_EQ(track.code, 0) << track.err;
-  const std::vector<std::string> trackLines = lines_of(track.out);
+  const std::vector<std::string> trackLines = cli_test::lines_of(track.out);
   ASSERT_EQ(trackLines.size(), 12u);
   for (size_t i = 0; i < trackLines.size(); ++i) {
     SCOPED_TRACE(i);
@@ -112,15 +105,13 @@ TEST_F(OpenNi2Source, TrackAndLiveReadTheRecordingsFramesAndFindNoBody) {
     ASSERT_LT(number, truth.size());
     EXPECT_EQ(recorded[i], truth[number]) << "the values OpenNI2 gives";
   }
-  std::ifstream liveFile(dir / "live.jsonl");
-  std::stringstream liveText;
-  liveText << liveFile.rdbuf();
-  for (const std::string& line : lines_of(liveText.str())) EXPECT_TRUE(json::parse(line)["bodies"].empty());
+  const std::string liveText = cli_test::slurp(dir / "live.jsonl");
+  for (const std::string& line : cli_test::lines_of(liveText)) EXPECT_TRUE(json::parse(line)["bodies"].empty());
 
   // The recording, with the camera options stored in it, tracks the same again.
   const cli_test::RunResult again = cli_test::run_qbt("track " + dir / "rec");
   ASSERT_EQ(again.code, 0) << again.err;
-  EXPECT_EQ(again.out, liveText.str());
+  EXPECT_EQ(again.out, liveText);
 #endif
 }
 

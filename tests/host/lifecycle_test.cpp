@@ -12,7 +12,7 @@
 
 #include "quorvik/body_tracking.h"
 #include "support/box_forest.h"
-#include "support/person_scene.h"
+#include "support/sim_scene.h"
 
 namespace {
 
@@ -38,7 +38,7 @@ class Host {
 
   // One update; returns the bodies by id. The frame is released before returning unless kept.
   std::map<uint8_t, qbt_body_t> update(qbt_bodyframe_t* keep = nullptr) {
-    scene.render(depth);
+    depth = scene.render();
     const qbt_depthmap_t map{depth.data(), scene.width(), scene.height()};
     qbt_bodyframe_t frame;
     EXPECT_EQ(qbt_bodytracker_update(tracker, &map, &frame), 0);
@@ -53,7 +53,7 @@ class Host {
     return bodies;
   }
 
-  person_scene::PersonScene scene;
+  sim_scene::Scene scene;
   qbt_bodytracker_t tracker = nullptr;
   std::vector<uint16_t> depth;
 };

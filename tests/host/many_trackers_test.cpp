@@ -16,7 +16,7 @@
 
 #include "quorvik/body_tracking.h"
 #include "support/box_forest.h"
-#include "support/person_scene.h"
+#include "support/sim_scene.h"
 
 namespace {
 
@@ -66,7 +66,7 @@ uint64_t digest(qbt_bodyframe_t frame) {
 // 500 frames of one person walking across the room and back.
 const std::vector<std::vector<uint16_t>>& walk() {
   static const std::vector<std::vector<uint16_t>> frames = [] {
-    person_scene::PersonScene scene(1000.f, 5.f, 160, 120);
+    sim_scene::Scene scene(1000.f, 5.f, 160, 120);
     scene.floor().wall(4500);
     const int walker = scene.add_person(-1500.f, 2800.f);
     std::vector<std::vector<uint16_t>> out;
@@ -153,7 +153,7 @@ size_t allocated_bytes() {
 // A host that opens and closes cameras all day: every tracker takes its threads and its
 // memory with it.
 TEST(ManyTrackers, TwoHundredTrackersInARowLeaveNoThreadsOrMemory) {
-  person_scene::PersonScene scene(1000.f, 5.f, 320, 240);
+  sim_scene::Scene scene(1000.f, 5.f, 320, 240);
   scene.floor().wall(4500);
   scene.add_person(0.f, 2800.f);
   const std::vector<uint16_t> depth = scene.render();

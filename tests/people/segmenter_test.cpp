@@ -11,7 +11,7 @@
 #include "segmentation/depth_frame_input.h"
 #include "segmentation/seg_coordinate_mapper.h"
 #include "segmentation/user_segmenter.h"
-#include "support/person_scene.h"
+#include "support/sim_scene.h"
 
 using namespace quorvik::legacy;
 
@@ -30,10 +30,10 @@ struct Rect {
 class Harness {
  public:
   Harness()
-      : mapper(kW, kH, person_scene::kHfovDegrees * quorvik::skeleton::kDegreesToRadians,
-               person_scene::kVfovDegrees * quorvik::skeleton::kDegreesToRadians, 10000),
+      : mapper(kW, kH, sim_scene::kHfovDegrees * quorvik::skeleton::kDegreesToRadians,
+               sim_scene::kVfovDegrees * quorvik::skeleton::kDegreesToRadians, 10000),
         users(std::make_unique<UserSegmenter>()) {
-    const auto& t = person_scene::default_tables();
+    const auto& t = sim_scene::default_tables();
     tables = {1, t.shiftToDepth.data(), uint32_t(t.shiftToDepth.size()), t.depthToShift.data(),
               uint32_t(t.depthToShift.size())};
     floorMask.resize(kW, kH);
@@ -242,6 +242,23 @@ TEST(UserSegmenter, BadFramesAndSceneChangesRemoveUsersThatCannotBeTraced) {
   h.step({});
   EXPECT_FALSE(h.users->is_active(1));
   EXPECT_EQ(h.users->free_ids().back(), 1u);
+}
+
+// Two users whose pixels merge into one region pair up; once one of them is gone the
+// other is single again and held to a single person's area.
+TEST(UserSegmenter, APairEndsWithEitherOfItsUsers) {
+  Harness h;
+  const Rect a{40, 20, 69, 109, 2500}, b{75, 20, 89, 109, 2500}, merged{40, 20, 89, 109, 2500};
+  const TrackedCandidate ca[] = {candidate(a)}, cb[] = {candidate(b)};
+  h.step({a}, ca);
+  h.step({a, b}, cb);
+  h.step({merged});
+  ASSERT_EQ(h.users->user(1).pairPartner, 2);
+  h.badFrame = true;  // the second of a pair owns no region: a bad frame removes it
+  h.step({merged});
+  EXPECT_FALSE(h.users->is_active(2));
+  EXPECT_TRUE(h.users->is_active(1));
+  EXPECT_EQ(h.users->user(1).pairPartner, 0);
 }
 
 TEST(UserSegmenter, IdsAreHandedOutLowestFirstAndReusedLastFreedFirst) {

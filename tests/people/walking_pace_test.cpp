@@ -8,11 +8,11 @@
 #include <string>
 #include <vector>
 
-#include "support/person_scene.h"
+#include "support/sim_scene.h"
 
-using person_scene::PersonScene;
-using person_scene::SceneEngine;
-using person_scene::id_of;
+using sim_scene::Scene;
+using sim_scene::SceneEngine;
+using sim_scene::id_of;
 
 namespace {
 
@@ -36,7 +36,7 @@ struct Run {
 
 // Walks everybody from outside the view to their end point, then lets them stand for a second.
 Run walk_in(const std::vector<Walker>& walkers) {
-  PersonScene scene;
+  Scene scene;
   scene.floor().wall(4500.f);
   for (const Walker& w : walkers) scene.add_person(w.startX, w.z);
   SceneEngine run;
@@ -129,7 +129,7 @@ TEST(WalkingPace, TwoAndThreePeopleWalkingInAtOrdinaryPaceGetOneIdEach) {
       // where they stop, so that nobody passes in front of anybody (a young user hidden for a
       // moment is rightly dropped; that is not what this test is about).
       const float lanes[3] = {2300.f, 2800.f, 3300.f};
-      const float stops[3] = {0.05f, -0.45f, 0.5f};
+      const float stops[3] = {0.05f, -0.42f, 0.42f};
       std::vector<Walker> walkers;
       for (int p = 0; p < people; ++p) {
         const float z = lanes[(p + trial) % 3];
@@ -146,7 +146,7 @@ TEST(WalkingPace, SomethingWiderThanAnyoneAppearingAtOnceIsStillASceneChange) {
   // A screen 2.5 m wide drops in front of the wall; a door-sized panel does not.
   for (float widthMm : {2500.f, 600.f}) {
     SCOPED_TRACE(testing::Message() << "width " << widthMm);
-    PersonScene scene;
+    Scene scene;
     scene.floor().wall(4500.f);
     SceneEngine run;
     run.feed(scene.render(), 40);

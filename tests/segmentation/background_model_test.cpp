@@ -6,7 +6,7 @@
 
 #include <gtest/gtest.h>
 
-#include "support/scene_util.h"
+#include "support/sim_scene.h"
 
 using namespace quorvik::legacy;
 using quorvik::skeleton::kDegreesToRadians;
@@ -19,8 +19,8 @@ class ModelDriver {
   static constexpr int kW = 32, kH = 24;
 
   ModelDriver()
-      : mapper(kW, kH, scene::kHfovDegrees * kDegreesToRadians, scene::kVfovDegrees * kDegreesToRadians, 10000) {
-    const auto& t = scene::default_tables();
+      : mapper(kW, kH, sim_scene::kHfovDegrees * kDegreesToRadians, sim_scene::kVfovDegrees * kDegreesToRadians, 10000) {
+    const auto& t = sim_scene::default_tables();
     model.start(kW, kH, t.shiftToDepth.data(), uint32_t(t.shiftToDepth.size()), &mapper);
     for (auto* image : {&raw[0], &raw[1], &shift[0], &shift[1], &shift[2], &shadow, &labels}) {
       image->resize(kW, kH);
@@ -31,7 +31,7 @@ class ModelDriver {
 
   // One frame: the wall everywhere, `near` pixels at shift `nearShift` (0 = invalid).
   void frame(const std::vector<int>& near = {}, uint16_t nearShift = 0) {
-    const auto& t = scene::default_tables();
+    const auto& t = sim_scene::default_tables();
     std::swap(raw[0], raw[1]);
     shift[2] = shift[1];
     shift[1] = shift[0];

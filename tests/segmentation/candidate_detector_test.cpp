@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "segmentation/depth_frame_input.h"
-#include "support/scene_util.h"
+#include "support/sim_scene.h"
 
 using namespace quorvik::legacy;
 using quorvik::skeleton::kDegreesToRadians;
@@ -13,9 +13,9 @@ namespace {
 class DetectorDriver {
  public:
   explicit DetectorDriver(bool mirrored = false)
-      : mapper(160, 120, scene::kHfovDegrees * kDegreesToRadians, scene::kVfovDegrees * kDegreesToRadians, 10000),
+      : mapper(160, 120, sim_scene::kHfovDegrees * kDegreesToRadians, sim_scene::kVfovDegrees * kDegreesToRadians, 10000),
         detector(std::make_unique<PersonCandidateDetector>()) {
-    const auto& t = scene::default_tables();
+    const auto& t = sim_scene::default_tables();
     detector->start(160, 120, t.shiftToDepth.data(), t.depthToShift.data(), mirrored, &mapper);
     raw.resize(160, 120);
     shift.resize(160, 120);
@@ -24,7 +24,7 @@ class DetectorDriver {
   }
 
   void frame(const std::vector<uint16_t>& depth) {
-    const auto& t = scene::default_tables();
+    const auto& t = sim_scene::default_tables();
     for (int i = 0; i < 160 * 120; ++i) {
       raw[i] = depth[size_t(i)];
       shift[i] = t.shift_of(depth[size_t(i)]);
@@ -41,8 +41,8 @@ class DetectorDriver {
 };
 
 // A room: floor, back wall at 4 m, and person-sized boxes.
-scene::SceneBuilder room() {
-  scene::SceneBuilder builder(1200, 8);
+sim_scene::Scene room() {
+  sim_scene::Scene builder(1200, 8);
   builder.floor().wall(4000);
   return builder;
 }
@@ -108,7 +108,7 @@ TEST(CandidateDetector, OnlyPersonSizedNearObjectsCount) {
                        Case{"area of at most 0.1 square metres", 0, 2500, 300, 300, 250}}) {
     SCOPED_TRACE(c.what);
     DetectorDriver d;
-    scene::SceneBuilder builder(1200, 8);
+    sim_scene::Scene builder(1200, 8);
     builder.floor().wall(6000).box(c.x, c.z, c.sx, c.sz, c.sy);
     d.frame(builder.render());
     EXPECT_EQ(d.detector->detections().size(), 0u);
@@ -134,9 +134,9 @@ TEST(CandidateDetector, TwoPeopleApartGetTwoCandidates) {
 
 TEST(CandidateDetector, ChainStorageLimitIsSilent) {
   quorvik::skeleton::SegCoordinateMapper<double> mapper(
-      640, 480, scene::kHfovDegrees * kDegreesToRadians, scene::kVfovDegrees * kDegreesToRadians, 10000);
+      640, 480, sim_scene::kHfovDegrees * kDegreesToRadians, sim_scene::kVfovDegrees * kDegreesToRadians, 10000);
   auto detector = std::make_unique<PersonCandidateDetector>();
-  const auto& t = scene::default_tables();
+  const auto& t = sim_scene::default_tables();
   detector->start(640, 480, t.shiftToDepth.data(), t.depthToShift.data(), false, &mapper);
   // Near stripes 40 pixels wide that shift by half their width from row to row: every run
   // opens a chain of its own, far more than the storage holds.

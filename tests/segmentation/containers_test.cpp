@@ -64,23 +64,6 @@ TEST(ImageRing, AdvancesBackwardsAndSaturates) {
   EXPECT_EQ(values[3], 3);
 }
 
-TEST(Box3D, EmptyUntilAPointIsAdded) {
-  Box3D<int> box;
-  EXPECT_TRUE(box.empty());
-  EXPECT_EQ(box.minX, std::numeric_limits<int>::max());
-  EXPECT_EQ(box.maxZ, std::numeric_limits<int>::min());
-  box.add(3, 4, 1500);
-  box.add(1, 9, 1200);
-  EXPECT_FALSE(box.empty());
-  EXPECT_EQ(box.minX, 1);
-  EXPECT_EQ(box.maxY, 9);
-  EXPECT_EQ(box.minZ, 1200);
-  EXPECT_TRUE(box.contains_pixel(2, 5));
-  EXPECT_FALSE(box.contains_pixel(4, 5));
-  box.reset();
-  EXPECT_TRUE(box.empty());
-}
-
 TEST(MinFilter, VectorLanesMatchThePlainFilter) {
   std::mt19937 random(7);
   for (auto [w, h] : {std::pair{8, 1}, {16, 3}, {160, 120}, {24, 2}, {13, 5}}) {

@@ -4,13 +4,13 @@
 
 #include <cmath>
 
-#include "support/scene_util.h"
+#include "support/sim_scene.h"
 #include "segmentation/seg_coordinate_mapper.h"
 
 using namespace quorvik::skeleton;
 
 TEST(ConversionTables, DefaultTablesHoldTheirInvariants) {
-  const ConversionTables& t = scene::default_tables();
+  const ConversionTables& t = sim_scene::default_tables();
   ASSERT_EQ(t.shiftToDepth.size(), 2048u);
   ASSERT_EQ(t.depthToShift.size(), 10001u);
   EXPECT_EQ(t.shiftToDepth[0], 0);

@@ -2,14 +2,14 @@
 
 #include <gtest/gtest.h>
 
-#include "support/scene_util.h"
+#include "support/sim_scene.h"
 
 using namespace quorvik::legacy;
 
 namespace {
 
 ConversionTableRef default_ref() {
-  const auto& t = scene::default_tables();
+  const auto& t = sim_scene::default_tables();
   return {1, t.shiftToDepth.data(), uint32_t(t.shiftToDepth.size()), t.depthToShift.data(),
           uint32_t(t.depthToShift.size())};
 }
@@ -93,7 +93,7 @@ TEST(DepthFrameInput, WaitsForAFrameWithAnAreaOfValidPixels) {
   EXPECT_EQ(input.validBox.right, 159);
   EXPECT_EQ(input.validBox.top, 0);
   EXPECT_EQ(input.validBox.bottom, 119);
-  const auto& t = scene::default_tables();
+  const auto& t = sim_scene::default_tables();
   EXPECT_EQ(input.shift()[0], 0);
   EXPECT_EQ(input.shift()[1], t.depthToShift[1500]);
   EXPECT_EQ(input.shift()[2], t.depthToShift[10000]);

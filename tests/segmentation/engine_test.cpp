@@ -5,7 +5,7 @@
 #include <cmath>
 #include <cstring>
 
-#include "support/scene_util.h"
+#include "support/sim_scene.h"
 
 using namespace quorvik::legacy;
 using quorvik::skeleton::kDegreesToRadians;
@@ -18,10 +18,10 @@ class EngineDriver {
       : engine(SegmentationEngine::create()) {
     format.width = uint32_t(width);
     format.height = uint32_t(height);
-    format.hfov = scene::kHfovDegrees * kDegreesToRadians;
-    format.vfov = scene::kVfovDegrees * kDegreesToRadians;
+    format.hfov = sim_scene::kHfovDegrees * kDegreesToRadians;
+    format.vfov = sim_scene::kVfovDegrees * kDegreesToRadians;
     format.mirrored = mirrored ? 1 : 0;
-    const auto& t = scene::default_tables();
+    const auto& t = sim_scene::default_tables();
     tables = {1, t.shiftToDepth.data(), uint32_t(t.shiftToDepth.size()), t.depthToShift.data(),
               uint32_t(t.depthToShift.size())};
     engine->reset();
@@ -61,10 +61,10 @@ std::vector<int> object_pixels(const std::vector<uint16_t>& withObject, const st
   return pixels;
 }
 
-void expect_floor_near(const FloorOutput& out, const scene::SceneBuilder& scene) {
+void expect_floor_near(const FloorOutput& out, const sim_scene::Scene& scene) {
   ASSERT_EQ(out.detected, 1u);
   const auto truth = scene.floor_plane();
-  EXPECT_LT(scene::angle_between(out.plane, truth.data()), 2.0);
+  EXPECT_LT(sim_scene::angle_between(out.plane, truth.data()), 2.0);
   EXPECT_NEAR(out.plane[3], truth[3], 30.0);
   EXPECT_NEAR(std::sqrt(out.plane[0] * out.plane[0] + out.plane[1] * out.plane[1] + out.plane[2] * out.plane[2]),
               1.0, 1e-5);
@@ -79,7 +79,7 @@ TEST(FloorDetection, FindsTheFloorUnderLevelAndPitchedCameras) {
   };
   for (const Case c : {Case{1200, 0, false}, Case{1000, 5, false}, Case{1500, 10, false}, Case{800, 8, true}}) {
     SCOPED_TRACE(testing::Message() << "height " << c.height << " pitch " << c.pitch);
-    scene::SceneBuilder builder(c.height, c.pitch);
+    sim_scene::Scene builder(c.height, c.pitch);
     builder.floor().wall(4000.f);
     const std::vector<uint16_t> depth = builder.render();
     EngineDriver driver(160, 120, c.mirrored);
@@ -100,13 +100,13 @@ TEST(FloorDetection, FindsTheFloorUnderLevelAndPitchedCameras) {
 
 TEST(FloorDetection, NoFloorFacingAWallOrInAnEmptyScene) {
   EngineDriver wall;
-  wall.feed(scene::SceneBuilder(1200, 0).wall(1500).render(), 10);
+  wall.feed(sim_scene::Scene(1200, 0).wall(1500).render(), 10);
   EXPECT_EQ(wall.engine->floor_output().detected, 0u);
   EXPECT_FALSE(wall.engine->floor().has_floor());
 
   // Too steep for a floor: a camera looking down at 25 degrees sees the floor as a wall.
   EngineDriver steep;
-  steep.feed(scene::SceneBuilder(1200, 25).floor().render(), 10);
+  steep.feed(sim_scene::Scene(1200, 25).floor().render(), 10);
   EXPECT_EQ(steep.engine->floor_output().detected, 0u);
 
   EngineDriver empty;
@@ -118,7 +118,7 @@ TEST(FloorDetection, NoFloorFacingAWallOrInAnEmptyScene) {
 }
 
 TEST(FloorDetection, KeepsTheFloorWhileSomethingWalksOnItAndMasksItOut) {
-  scene::SceneBuilder builder(1200, 8);
+  sim_scene::Scene builder(1200, 8);
   builder.floor().wall(4500);
   const std::vector<uint16_t> empty = builder.render();
   EngineDriver driver;
@@ -141,7 +141,7 @@ TEST(FloorDetection, KeepsTheFloorWhileSomethingWalksOnItAndMasksItOut) {
 
 TEST(FloorDetection, SameInputSequenceGivesTheSameFloor) {
   auto run = [](std::vector<float>& planes, std::vector<uint8_t>& mask) {
-    scene::SceneBuilder builder(1300, 6);
+    sim_scene::Scene builder(1300, 6);
     builder.floor().wall(3800);
     EngineDriver driver;
     for (int step = 0; step < 30; ++step) {
@@ -162,10 +162,10 @@ TEST(FloorDetection, SameInputSequenceGivesTheSameFloor) {
 }
 
 TEST(FloorDetection, RandomSearchIsRepeatableAndNeedsValidPixels) {
-  const auto& t = scene::default_tables();
-  const quorvik::skeleton::SegCoordinateMapper<double> mapper(160, 120, scene::kHfovDegrees * kDegreesToRadians,
-                                                              scene::kVfovDegrees * kDegreesToRadians, 10000);
-  const std::vector<uint16_t> depth = scene::SceneBuilder(1200, 5).floor().render();
+  const auto& t = sim_scene::default_tables();
+  const quorvik::skeleton::SegCoordinateMapper<double> mapper(160, 120, sim_scene::kHfovDegrees * kDegreesToRadians,
+                                                              sim_scene::kVfovDegrees * kDegreesToRadians, 10000);
+  const std::vector<uint16_t> depth = sim_scene::Scene(1200, 5).floor().render();
   Array2D<uint16_t> background(160, 120);
   for (int32_t i = 0; i < background.size(); ++i) background[i] = t.shift_of(depth[size_t(i)]);
 
@@ -191,7 +191,7 @@ TEST(FloorDetection, RandomSearchIsRepeatableAndNeedsValidPixels) {
 }
 
 TEST(BackgroundModel, BoxLeftInTheSceneJoinsTheBackgroundAfter151Frames) {
-  scene::SceneBuilder builder(1200, 8);
+  sim_scene::Scene builder(1200, 8);
   builder.floor().wall(4000);
   const std::vector<uint16_t> empty = builder.render();
   EngineDriver driver;
@@ -225,7 +225,7 @@ TEST(BackgroundModel, BoxLeftInTheSceneJoinsTheBackgroundAfter151Frames) {
 }
 
 TEST(BackgroundModel, SceneLearnedAfterStartAndLabelsStayEmpty) {
-  const std::vector<uint16_t> depth = scene::SceneBuilder(1200, 8).floor().wall(3000).render();
+  const std::vector<uint16_t> depth = sim_scene::Scene(1200, 8).floor().wall(3000).render();
   EngineDriver driver;
   driver.feed(depth);
   const LabelOutput start = driver.engine->label_output();
@@ -246,13 +246,13 @@ TEST(BackgroundModel, SceneLearnedAfterStartAndLabelsStayEmpty) {
 }
 
 TEST(BackgroundModel, CameraBumpResetsTheBackground) {
-  scene::SceneBuilder builder(1200, 8);
+  sim_scene::Scene builder(1200, 8);
   EngineDriver driver;
   driver.feed(builder.floor().wall(4000).render(), 40);
   ASSERT_EQ(driver.engine->floor_output().detected, 1u);
 
   // The camera is knocked towards a wall: every pixel changes at once.
-  const std::vector<uint16_t> bumped = scene::SceneBuilder(1200, 0).wall(1100).render();
+  const std::vector<uint16_t> bumped = sim_scene::Scene(1200, 0).wall(1100).render();
   bool sawChange = false, sawReset = false;
   for (int frame = 0; frame < 25; ++frame) {
     driver.feed(bumped);
@@ -287,7 +287,7 @@ TEST(SegmentationEngine, SurvivesBadInput) {
 
   for (size_t i = 0; i < depth.size(); ++i) depth[i] = uint16_t((i * 7919) % 65536);
   driver.feed(depth, 5);
-  driver.feed(scene::SceneBuilder(1200, 8).floor().render(), 30);  // settles after the scene change
+  driver.feed(sim_scene::Scene(1200, 8).floor().render(), 30);  // settles after the scene change
   EXPECT_EQ(driver.engine->floor_output().detected, 1u);
 }
 
@@ -327,7 +327,7 @@ TEST(SegmentationEngine, RefusesFramesItCannotHold) {
 }
 
 TEST(SegmentationEngine, LargestAcceptedFrameRunsTheWholePipeline) {
-  scene::SceneBuilder builder(1200, 6, 640, 480);
+  sim_scene::Scene builder(1200, 6, 640, 480);
   builder.floor().wall(4000);
   EngineDriver driver(640, 480);
   driver.feed(builder.render(), 4);

@@ -190,59 +190,6 @@ TEST(Render, PersonPixelsAreExactlyThePersonsSurface) {
   }
 }
 
-TEST(Render, LabelsAndIdsFollowTheMeasuredDepth) {
-  ScenarioOptions o;
-  o.name = "mixed";
-  o.people = 3;
-  o.frames = 200;
-  o.seed = 13;
-  const Scenario sc = Scenario::make(o);
-  Renderer r(sc);
-  Frame f;
-  for (int i = 0; i < 200; i += 40) {
-    SCOPED_TRACE(i);
-    r.render(i, f);
-    std::vector<uint32_t> count(8, 0);
-    for (size_t k = 0; k < f.depth.size(); ++k) {
-      ASSERT_EQ(f.ids[k] != 0, f.labels[k] != 0);
-      if (f.depth[k] == 0) {
-        ASSERT_EQ(f.ids[k], 0);
-      }
-      ASSERT_LE(f.labels[k], 27);
-      ASSERT_LE(f.ids[k], sc.actors().size());
-      ++count[f.ids[k]];
-    }
-    for (const PersonTruth& p : f.people) EXPECT_EQ(p.pixels, count[p.id]);
-  }
-}
-
-TEST(Render, JointsLieInsideTheSilhouette) {
-  for (bool mirrored : {false, true}) {
-    SCOPED_TRACE(mirrored);
-    SceneSetup setup;
-    setup.mirrored = mirrored;
-    const Scenario sc = test_scene(setup);
-    Renderer r(sc);
-    Frame f;
-    r.render(5, f);
-    ASSERT_EQ(f.people.size(), 1u);
-    for (int j = 0; j < 16; ++j) {
-      SCOPED_TRACE(j);
-      const JointTruth& t = f.people[0].joints[j];
-      ASSERT_TRUE(t.inImage);
-      // Some pixel of the person within 3 pixels of the joint, and the joint behind that surface.
-      bool near = false;
-      for (int dy = -3; dy <= 3 && !near; ++dy)
-        for (int dx = -3; dx <= 3 && !near; ++dx) {
-          const int x = static_cast<int>(std::lround(t.u)) + dx, y = static_cast<int>(std::lround(t.v)) + dy;
-          if (x < 0 || y < 0 || x >= 320 || y >= 240) continue;
-          near = f.ids.at(x, y) == 1 && f.depth.at(x, y) < t.camera.z;
-        }
-      EXPECT_TRUE(near);
-    }
-  }
-}
-
 // In any pose, a joint never projects onto scenery that lies behind it, away from its person.
 TEST(Render, JointsNeverFloatOverTheBackground) {
   for (const char* name : {"mixed", "crouch", "kick", "sit", "crossing"}) {

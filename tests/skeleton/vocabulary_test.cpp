@@ -66,7 +66,6 @@ TEST(VocabularyTest, MirrorsAndSides) {
 TEST(VocabularyTest, JointBytes) {
   EXPECT_EQ(to_byte(J::None), 255);
   EXPECT_EQ(to_byte(J::Unknown), 255);
-  EXPECT_EQ(to_byte(J::RightFoot), 15);
   EXPECT_EQ(parent_joint_byte(to_byte(J::MidSpine)), uint8_t{255});
   EXPECT_EQ(parent_joint_byte(to_byte(J::LeftKnee)), to_byte(J::LeftHip));
   EXPECT_FALSE(parent_joint_byte(255).has_value());

@@ -9,27 +9,6 @@
 namespace quorvik::skeleton {
 namespace {
 
-TEST(Reduction, KeepsTheNearestValidDepthOfEachBlock) {
-  // 640x480: one non-zero pixel per 4x4 block at a position that moves with the block.
-  std::vector<uint16_t> pixels(640 * 480, 0);
-  for (uint32_t by = 0; by < 120; ++by) {
-    for (uint32_t bx = 0; bx < 160; ++bx) {
-      if ((bx + by) % 7 == 0) continue;  // some blocks stay empty
-      const uint32_t x = bx * 4 + (bx % 4), y = by * 4 + (by % 4);
-      pixels[y * 640 + x] = static_cast<uint16_t>(500 + bx + by);
-    }
-  }
-  op::Image<uint16_t> out(160, 120);
-  reduce_min_nonzero(pixels.data(), 640, 480, out);
-  for (uint32_t by = 0; by < 120; ++by) {
-    for (uint32_t bx = 0; bx < 160; ++bx) {
-      SCOPED_TRACE(testing::Message() << bx << "," << by);
-      const uint16_t expected = (bx + by) % 7 == 0 ? 0 : static_cast<uint16_t>(500 + bx + by);
-      ASSERT_EQ(out.at(bx, by), expected);
-    }
-  }
-}
-
 TEST(Reduction, SmallestNonZeroWinsAndSameSizeIsACopy) {
   std::vector<uint16_t> pixels = {0, 3000, 2000, 0, /* row 2 */ 2500, 0, 0, 0};
   op::Image<uint16_t> one(2, 1);
