@@ -1,7 +1,8 @@
 #include "op/task_set.h"
 
-#include <thread>
 #include <utility>
+
+#include "op/spin_wait.h"
 
 namespace op {
 
@@ -9,9 +10,6 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// Started tasks of a set usually end within tens of microseconds of each other; a sleep
-// and wake-up of the waiting thread costs about as much, so it first yields for a while.
-constexpr auto kYieldBeforeSleep = std::chrono::microseconds(200);
 // A wait for the workers longer than twice the caller's own share plus this is late: on an
 // idle machine the workers finish about when the caller does.
 constexpr auto kLateSlack = std::chrono::microseconds(500);
@@ -70,27 +68,39 @@ void TaskSet::submit(uint64_t worker, std::function<void()> fn) {
   Task& task = state_->tasks.emplace_back(std::move(fn));
   state_->unfinished.fetch_add(1, std::memory_order_relaxed);
   if (!offered_) return;
+  task.offered = true;
   (void)pool_.submit(worker, Offer{state_, &task}, nullptr);
+}
+
+void TaskSet::keep(std::function<void()> fn) {
+  waited_ = false;
+  state_->tasks.emplace_back(std::move(fn));
+  state_->unfinished.fetch_add(1, std::memory_order_relaxed);
 }
 
 void TaskSet::wait(int64_t slow_ms, const std::function<void()>& on_slow) {
   State& s = *state_;
   const auto start = Clock::now();
-  // From the back: each worker starts at the front of its own queue.
+  // The caller's own tasks first, in order; then, from the back, whatever no worker has
+  // started (each worker starts at the front of its own queue).
+  for (Task& task : s.tasks) {
+    if (!task.offered && !task.claimed.exchange(true, std::memory_order_acq_rel)) s.run(task);
+  }
   for (auto it = s.tasks.rbegin(); it != s.tasks.rend(); ++it) {
     if (!it->claimed.exchange(true, std::memory_order_acq_rel)) s.run(*it);
   }
   const auto ownEnd = Clock::now();
-  const auto until = ownEnd + kYieldBeforeSleep;
-  while (s.unfinished.load(std::memory_order_acquire) != 0 && Clock::now() < until) std::this_thread::yield();
+  const auto done = [&] { return s.unfinished.load(std::memory_order_acquire) == 0; };
   {
-    std::unique_lock lock(s.mutex);
+    std::unique_lock lock(s.mutex, std::defer_lock);
     const auto step = std::chrono::milliseconds(slow_ms > 0 ? slow_ms : 500);
-    while (!s.finished.wait_for(lock, step, [&] { return s.unfinished.load(std::memory_order_acquire) == 0; })) {
+    // Looks only where a worker could be running beside this thread.
+    auto spin = pool_.usableThreads() > 1 ? kSpinBeforeSleep : std::chrono::microseconds(0);
+    while (!spin_then_sleep(lock, s.finished, spin, step, done)) {
+      spin = std::chrono::microseconds(0);
       if (on_slow) {
         lock.unlock();
         on_slow();
-        lock.lock();
       }
     }
   }

@@ -43,6 +43,8 @@ class TaskSet {
   // Offers `fn` to `worker`. A task whose queue is full, or that the pool refuses, stays
   // for wait() to run.
   void submit(uint64_t worker, std::function<void()> fn);
+  // A task for the calling thread alone: offered to no worker, run first by wait().
+  void keep(std::function<void()> fn);
 
   // Returns once every task has run. `on_slow` is called each time another `slow_ms` pass
   // while a worker still has a task of the set. The first exception a task raised is
@@ -54,6 +56,7 @@ class TaskSet {
     explicit Task(std::function<void()> f) : fn(std::move(f)) {}
     std::function<void()> fn;
     std::atomic<bool> claimed{false};
+    bool offered = false;  // queued at a worker
   };
   // Shared with the queued actions: a worker may reach a task's action after the caller
   // ran the task itself and returned, and must still find the flag it tests.

@@ -1,5 +1,6 @@
 #include "op/thread_pool.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 
@@ -9,26 +10,17 @@
 
 namespace op {
 
-namespace {
-
-// How long an idle worker keeps looking for its next action before it sleeps on the
-// condition variable. Callers that split work into consecutive sets of short actions
-// (the classifier submits six per user and frame, with a couple of hundred microseconds
-// of its own work between users) would otherwise pay a sleep and a wake-up, tens of
-// microseconds each, between every two sets.
-constexpr auto kSpinBeforeSleep = std::chrono::microseconds(300);
-
-// Processors this process may run on; the hardware count where the platform cannot say.
 unsigned usable_processors() {
 #if defined(__linux__)
   cpu_set_t allowed;
   CPU_ZERO(&allowed);
-  if (sched_getaffinity(0, sizeof allowed, &allowed) == 0) return static_cast<unsigned>(CPU_COUNT(&allowed));
+  if (sched_getaffinity(0, sizeof allowed, &allowed) == 0 && CPU_COUNT(&allowed) > 0) {
+    return static_cast<unsigned>(CPU_COUNT(&allowed));
+  }
 #endif
-  return std::thread::hardware_concurrency();
+  const unsigned n = std::thread::hardware_concurrency();
+  return n == 0 ? 1 : n;
 }
-
-}  // namespace
 
 void TaskQueue::insert(std::unique_ptr<Action>& action) {
   slots_[tail_] = std::move(action);
@@ -60,35 +52,24 @@ bool TaskQueue::push_waiting(std::unique_ptr<Action>& action, const std::atomic<
 }
 
 std::unique_ptr<Action> TaskQueue::take(uint64_t waitMs, std::chrono::microseconds spin) {
-  {
-    // Only this worker takes from the queue, so the queue is empty exactly while the
-    // insertions equal the worker's own removals.
-    const auto until = std::chrono::steady_clock::now() + spin;
-    while (insertions_.load(std::memory_order_acquire) == removals_ &&
-           std::chrono::steady_clock::now() < until) {
-      std::this_thread::yield();
-    }
-  }
-  std::unique_lock lock(mutex_);
-  auto pop = [&]() -> std::unique_ptr<Action> {
-    if (head_ == tail_) return nullptr;
-    std::unique_ptr<Action> action = std::move(slots_[head_]);
-    head_ = (head_ + 1) % kCapacity;
-    ++removals_;
-    notFull_.notify_all();
-    return action;
-  };
-  for (;;) {
-    if (auto action = pop()) return action;
-    if (stopped_) return nullptr;
-    if (nonEmpty_.wait_for(lock, std::chrono::milliseconds(waitMs)) == std::cv_status::timeout) return pop();
-  }
+  // Only this worker takes from the queue, so the queue is empty exactly while the
+  // insertions equal the worker's own removals.
+  std::unique_lock lock(mutex_, std::defer_lock);
+  spin_then_sleep(lock, nonEmpty_, spin, std::chrono::milliseconds(waitMs), [&] {
+    return insertions_.load(std::memory_order_acquire) != removals_ || stopped_.load(std::memory_order_acquire);
+  });
+  if (head_ == tail_) return nullptr;
+  std::unique_ptr<Action> action = std::move(slots_[head_]);
+  head_ = (head_ + 1) % kCapacity;
+  ++removals_;
+  notFull_.notify_all();
+  return action;
 }
 
 void TaskQueue::stop() {
   {
     std::lock_guard lock(mutex_);
-    stopped_ = true;
+    stopped_.store(true, std::memory_order_release);
   }
   nonEmpty_.notify_all();
 }
@@ -109,6 +90,7 @@ uint64_t ThreadPool::default_thread_count() {
 ThreadPool::ThreadPool(uint64_t threadCount)
     : threadCount_(threadCount == 0 ? 1 : threadCount),
       queues_(std::make_unique<TaskQueue[]>(threadCount_)),
+      usableThreads_(std::min<uint64_t>(threadCount_, usable_processors())),
       spinBeforeSleep_(usable_processors() > 1 ? kSpinBeforeSleep : std::chrono::microseconds(0)) {
   threads_.reserve(threadCount_);
   try {

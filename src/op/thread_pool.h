@@ -14,6 +14,7 @@
 
 #include "op/action.h"
 #include "op/result.h"
+#include "op/spin_wait.h"
 
 namespace op {
 
@@ -47,7 +48,7 @@ class TaskQueue {
   // next action for a moment before it goes to sleep.
   std::atomic<uint64_t> insertions_{0};
   uint64_t removals_ = 0;  // the worker's own count of the actions it took
-  bool stopped_ = false;
+  std::atomic<bool> stopped_{false};
   std::mutex mutex_;
   std::condition_variable nonEmpty_;
   std::condition_variable notFull_;
@@ -92,6 +93,10 @@ class ThreadPool {
 
   void terminate();
   uint64_t threadCount() const { return threadCount_; }
+  // How many threads can run at once, the caller's included, on the processors the process
+  // could use when the pool was built: the worker count, or fewer where fewer processors
+  // are allowed. A caller that splits work into more shares than this only queues them.
+  uint64_t usableThreads() const { return usableThreads_; }
 
 
  private:
@@ -103,6 +108,7 @@ class ThreadPool {
   uint64_t threadCount_;
   std::vector<std::thread> threads_;
   std::unique_ptr<TaskQueue[]> queues_;
+  uint64_t usableThreads_;
   std::atomic<bool> running_{true};
   uint64_t waitMs_ = 100;
   // Zero where the process may use one processor only: a looking worker would then only
