@@ -272,22 +272,66 @@ void FrameClassifier::classify_subframe_LOD_parallel(const op::Image<uint16_t>& 
   const uint64_t workers = pool.threadCount();
   if (workers == 0) throw std::logic_error("FrameClassifier: the pool has no worker");
   const size_t tree_count = packed_->tree_count();
-  // Kept between calls: a level is classified several times per user and frame.
-  std::vector<op::Image<uint32_t>>& node_images = node_images_;
-  node_images.resize(tree_count);
-  {
-    op::TaskSet trees(pool, &gauge_);
-    for (size_t t = 0; t < tree_count; ++t) {
-      const KernelTree* tree = &packed_->tree(t);
-      op::Image<uint32_t>* image = &node_images[t];
-      trees.submit(t % workers, [tree, image, &depth, &params] {
-        evaluate_tree(*tree, depth, params, *image);
-      });
+  // Kept between calls: a level is classified several times per user and frame. Every
+  // entry the combination reads is written by the walk of the same rows first, so the
+  // images need no clearing.
+  node_images_.resize(tree_count);
+  for (op::Image<uint32_t>& image : node_images_) image.resize(depth.width(), depth.height());
+  // One share per thread that can run at once, the caller's included: each walks every
+  // tree over its grid rows and then combines those rows, so no share waits for another.
+  const auto shares = static_cast<uint32_t>(std::max<uint64_t>(1, std::min(pool.usableThreads(), workers + 1)));
+  auto run_share = [this, &depth, &params, &labels, &user_ids, shares](uint32_t share) {
+    for (size_t t = 0; t < packed_->tree_count(); ++t) {
+      walk_tree_rows(packed_->tree(t), depth, params, share, shares, node_images_[t]);
     }
-    trees.wait(kWaitWarnMs,
-               [&] { logger_->warn("FrameClassifier::classify_subframe_LOD_parallel waiting for more than 500 ms"); });
+    accumulate_rows(*packed_, node_images_, params, labels, user_ids, share, shares);
+  };
+  if (shares == 1) {
+    // Nothing could run beside the caller: queuing would only add hand-overs.
+    run_share(0);
+    return;
   }
-  accumulate_distributions_parallel(*packed_, node_images, params, labels, *logger_, user_ids, &gauge_);
+  op::TaskSet set(pool, &gauge_);
+  set.keep([&run_share] { run_share(0); });
+  for (uint32_t share = 1; share < shares; ++share) {
+    set.submit((share - 1) % workers, [&run_share, share] { run_share(share); });
+  }
+  set.wait(kWaitWarnMs,
+           [&] { logger_->warn("FrameClassifier::classify_subframe_LOD_parallel waiting for more than 500 ms"); });
+}
+
+void FrameClassifier::accumulate_rows(const PackedForest& forest,
+                                      const std::vector<op::Image<uint32_t>>& node_images,
+                                      const ClassifyParams& params, op::Image<PixelLabel>& labels,
+                                      op::Image<uint8_t>& user_ids, uint32_t share, uint32_t shares) {
+  const int32_t x0 = params.target_box[0], y0 = params.target_box[1];
+  const int32_t x1 = params.target_box[2], y1 = params.target_box[3];
+  const int32_t s = int32_t{1} << params.level;
+  const uint32_t tree_count = static_cast<uint32_t>(forest.tree_count());
+  const op::Image<uint8_t>& flags = *params.working_flags;
+  for (int64_t y = y0 + s * static_cast<int64_t>(share); y <= y1; y += s * static_cast<int64_t>(shares)) {
+    const uint32_t row = static_cast<uint32_t>(y);
+    // The leaves lie all over the forest: ask for the row's leaf nodes, then for their
+    // entries, before combining any of them, so that the misses overlap instead of
+    // following one another.
+    for (int32_t x = x0; x <= x1; x += s) {
+      if (!(flags.at(x, row) & kTargetPixel)) continue;
+      for (uint32_t t = 0; t < tree_count; ++t) forest.prefetch_node(t, node_images[t].at(x, row));
+    }
+    for (int32_t x = x0; x <= x1; x += s) {
+      if (!(flags.at(x, row) & kTargetPixel)) continue;
+      for (uint32_t t = 0; t < tree_count; ++t) forest.prefetch_entries(t, node_images[t].at(x, row));
+    }
+    for (int32_t x = x0; x <= x1; x += s) {
+      if (!(flags.at(x, row) & kTargetPixel)) continue;
+      user_ids.at(x, row) = params.marker;
+      LabelDistribution acc;
+      acc.clear();
+      for (uint32_t t = 0; t < tree_count; ++t) forest.add_leaf(t, node_images[t].at(x, row), acc);
+      acc.average(tree_count);
+      labels.at(x, row) = PixelLabel{acc.best_label, acc.best_probability};
+    }
+  }
 }
 
 void FrameClassifier::accumulate_distributions_parallel(
@@ -297,41 +341,13 @@ void FrameClassifier::accumulate_distributions_parallel(
   op::ThreadPool& pool = *params.pool;
   const uint64_t workers = pool.threadCount();
   if (workers == 0) throw std::logic_error("FrameClassifier: the pool has no worker");
-  const int32_t x0 = params.target_box[0], y0 = params.target_box[1];
-  const int32_t x1 = params.target_box[2], y1 = params.target_box[3];
-  const int32_t s = int32_t{1} << params.level;
-  const uint32_t tree_count = static_cast<uint32_t>(forest.tree_count());
-  const op::Image<uint8_t>& flags = *params.working_flags;
-
   op::TaskSet shares(pool, gauge);
   for (uint64_t share = 0; share < workers; ++share) {
+    // Grid rows share, share + N, share + 2N, ...: every worker gets a similar part of
+    // the user even when the user fills only part of the box.
     shares.submit(share, [&, share] {
-      // Grid rows share, share + N, share + 2N, ...: every worker gets a similar part
-      // of the user even when the user fills only part of the box.
-      for (int64_t y = y0 + s * static_cast<int64_t>(share); y <= y1;
-           y += s * static_cast<int64_t>(workers)) {
-        const uint32_t row = static_cast<uint32_t>(y);
-        // The leaves were reached on other workers and lie all over the forest: ask for
-        // the row's leaf nodes, then for their entries, before combining any of them, so
-        // that the misses overlap instead of following one another.
-        for (int32_t x = x0; x <= x1; x += s) {
-          if (!(flags.at(x, row) & kTargetPixel)) continue;
-          for (uint32_t t = 0; t < tree_count; ++t) forest.prefetch_node(t, node_images[t].at(x, row));
-        }
-        for (int32_t x = x0; x <= x1; x += s) {
-          if (!(flags.at(x, row) & kTargetPixel)) continue;
-          for (uint32_t t = 0; t < tree_count; ++t) forest.prefetch_entries(t, node_images[t].at(x, row));
-        }
-        for (int32_t x = x0; x <= x1; x += s) {
-          if (!(flags.at(x, row) & kTargetPixel)) continue;
-          user_ids.at(x, row) = params.marker;
-          LabelDistribution acc;
-          acc.clear();
-          for (uint32_t t = 0; t < tree_count; ++t) forest.add_leaf(t, node_images[t].at(x, row), acc);
-          acc.average(tree_count);
-          labels.at(x, row) = PixelLabel{acc.best_label, acc.best_probability};
-        }
-      }
+      accumulate_rows(forest, node_images, params, labels, user_ids, static_cast<uint32_t>(share),
+                      static_cast<uint32_t>(workers));
     });
   }
   shares.wait(kWaitWarnMs,

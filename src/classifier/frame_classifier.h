@@ -62,8 +62,8 @@ class FrameClassifier {
                          op::Image<PixelLabel>& labels, op::Image<uint8_t>& user_ids,
                          float& score, RegionBox& region, op::ThreadPool& pool);
 
-  // Classifies the grid of one level with every tree, one task per tree, then combines
-  // the trees' leaves, one task per worker.
+  // Classifies the grid of one level with every tree and combines the trees' leaves, split
+  // by grid rows into one task per thread that can run at once, the caller's included.
   void classify_subframe_LOD_parallel(const op::Image<uint16_t>& depth,
                                       const ClassifyParams& params,
                                       op::Image<PixelLabel>& labels,
@@ -80,6 +80,11 @@ class FrameClassifier {
                                                 op::HelpGauge* gauge = nullptr);
 
  private:
+  // Combines the leaves of grid rows share, share + shares, ... of the level.
+  static void accumulate_rows(const PackedForest& forest, const std::vector<op::Image<uint32_t>>& node_images,
+                              const ClassifyParams& params, op::Image<PixelLabel>& labels,
+                              op::Image<uint8_t>& user_ids, uint32_t share, uint32_t shares);
+
   const DecisionForest* forest_;
   std::unique_ptr<PackedForest> packed_;  // null without a forest
   op::Image<uint8_t> working_flags_;

@@ -181,7 +181,9 @@ TEST(TreeKernelTest, PassesMoveEachPixelOneLevel) {
                  {},
                  0,
                  frame.mean_depth,
-                 &frame.statistics};
+                 &frame.statistics,
+                 0,
+                 1};
   std::memcpy(kf.target_box, frame.target_box, sizeof kf.target_box);
   std::memcpy(kf.context_box, frame.context_box, sizeof kf.context_box);
   int32_t targets = 0;

@@ -47,6 +47,8 @@ KernelFrame make_frame(const op::Image<uint16_t>& depth, const ClassifyParams& p
   frame.level = params.level;
   frame.mean_depth = params.mean_depth;
   frame.statistics = params.statistics;
+  frame.share = 0;
+  frame.shares = 1;
   return frame;
 }
 
@@ -128,6 +130,14 @@ int32_t evaluate_tree_with(KernelEntry entry, const DecisionTree& tree,
 int32_t evaluate_tree(const KernelTree& tree, const op::Image<uint16_t>& depth,
                       const ClassifyParams& params, op::Image<uint32_t>& node_index) {
   return evaluate_tree_with(active_entry(), tree, depth, params, node_index);
+}
+
+void walk_tree_rows(const KernelTree& tree, const op::Image<uint16_t>& depth, const ClassifyParams& params,
+                    uint32_t share, uint32_t shares, op::Image<uint32_t>& node_index) {
+  KernelFrame frame = make_frame(depth, params);
+  frame.share = share;
+  frame.shares = shares;
+  (void)active_entry()(tree, frame, node_index.data());
 }
 
 int32_t evaluate_tree(const DecisionTree& tree, const op::Image<uint16_t>& depth,

@@ -51,6 +51,13 @@ int32_t evaluate_tree(const KernelTree& tree, const op::Image<uint16_t>& depth,
 int32_t evaluate_tree(const DecisionTree& tree, const op::Image<uint16_t>& depth,
                       const ClassifyParams& params, op::Image<uint32_t>& node_index);
 
+// The walk of evaluate_tree over the level's grid rows share, share + shares, ... only,
+// without clearing: only those rows' target pixels get their entries of `node_index`,
+// which must already have the depth map's size. Shares of one level may run at once on
+// one image.
+void walk_tree_rows(const KernelTree& tree, const op::Image<uint16_t>& depth, const ClassifyParams& params,
+                    uint32_t share, uint32_t shares, op::Image<uint32_t>& node_index);
+
 // As evaluate_tree, with a given build.
 int32_t evaluate_tree_with(KernelEntry entry, const KernelTree& tree,
                            const op::Image<uint16_t>& depth, const ClassifyParams& params,

@@ -42,10 +42,15 @@ struct KernelFrame {
   uint32_t level;                // grid step 1 << level
   float mean_depth;
   const UserStatistics* statistics;
+  // The grid rows evaluate_tree walks: rows share, share + shares, share + 2 shares, ...
+  // of the level's grid (0 of 1: all of them). evaluate_tree_level always scans them all.
+  uint32_t share;
+  uint32_t shares;
 };
 
-// A build's tree walk: runs passes until no pixel moves. node_index (width x height) must
-// already hold each pixel's current node (0 at the start of a level).
+// A build's tree walk: every target pixel of the share's grid rows goes from the root down
+// to its leaf, whose index it gets in node_index (width x height); other entries are left
+// as they are.
 using KernelEntry = int32_t (*)(const KernelTree& tree, const KernelFrame& frame,
                                 uint32_t* node_index);
 
