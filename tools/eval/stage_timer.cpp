@@ -1,7 +1,12 @@
 #include "stage_timer.h"
 
+#include <time.h>
+
 #include <algorithm>
 #include <chrono>
+#include <fstream>
+#include <optional>
+#include <string>
 #include <vector>
 
 #include <fmt/format.h>
@@ -21,6 +26,28 @@ using Clock = std::chrono::steady_clock;
 using namespace skeleton;
 
 double ms_since(Clock::time_point t) { return std::chrono::duration<double, std::milli>(Clock::now() - t).count(); }
+
+// Processor time of every thread of the process, milliseconds.
+double process_cpu_ms() {
+  timespec t{};
+  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &t);
+  return static_cast<double>(t.tv_sec) * 1e3 + static_cast<double>(t.tv_nsec) * 1e-6;
+}
+
+// A kB field of /proc/self/status ("VmRSS:", "VmHWM:") in MiB; 0 where there is none.
+double status_mb(const std::string& field) {
+  std::ifstream status("/proc/self/status");
+  std::string key;
+  while (status >> key) {
+    if (key == field) {
+      double kib = 0;
+      status >> kib;
+      return kib / 1024.0;
+    }
+    status.ignore(1 << 12, '\n');
+  }
+  return 0;
+}
 
 // The tracker's frame, step by step, with the same parts and parameters, so that each
 // step can be clocked.
@@ -111,9 +138,12 @@ std::vector<StageTiming> time_stages(const DecisionForest& forest, const BenchOp
       const sim::ScenarioOptions& o = c.options;
       const sim::Scenario scenario = build_scenario(c);
       sim::Renderer renderer(scenario);
+      const double residentBefore = status_mb("VmRSS:");
       BodyTracker tracker(TrackerOptions{}, copy_forest(forest), 160, 120);
       tracker.isDepthMirrored = false;
-      SteppedTracker stepped(&forest);
+      // Made after the tracker's first update, so that what that update allocates is counted
+      // as the tracker's.
+      std::optional<SteppedTracker> stepped;
       StageTiming row;
       row.width = width;
       row.height = o.height;
@@ -125,18 +155,28 @@ std::vector<StageTiming> time_stages(const DecisionForest& forest, const BenchOp
       for (int i = 0; i < o.frames; ++i) {
         renderer.render(i, frame);
         const bool timed = i >= options.warmup;
+        const double cpu = process_cpu_ms();
         const auto t = Clock::now();
         (void)tracker.update(width, o.height, frame.depth.data());
-        if (timed) updates.push_back(ms_since(t));
-        stepped.update(frame.depth, false, timed ? row.stageMs : scratch);
+        if (timed) {
+          updates.push_back(ms_since(t));
+          row.cpuMs += process_cpu_ms() - cpu;
+        }
+        if (!stepped) {
+          row.trackerMb = status_mb("VmRSS:") - residentBefore;
+          stepped.emplace(&forest);
+        }
+        stepped->update(frame.depth, false, timed ? row.stageMs : scratch);
         if (!timed) continue;
         ++row.frames;
         for (const Body& b : tracker.bodies())
           row.bodies += b.status == BodyStatus::Tracking || b.status == BodyStatus::TrackingStarted ? 1 : 0;
       }
+      row.peakMb = status_mb("VmHWM:");
       if (row.frames > 0) {
         for (double ms : updates) row.updateMs += ms;
         row.updateMs /= row.frames;
+        row.cpuMs /= row.frames;
         std::sort(updates.begin(), updates.end());
         row.medianMs = updates[updates.size() / 2];
         row.p99Ms = updates[std::min(updates.size() - 1, updates.size() * 99 / 100)];
@@ -150,20 +190,23 @@ std::vector<StageTiming> time_stages(const DecisionForest& forest, const BenchOp
 }
 
 void print_stage_table(std::ostream& out, const std::vector<StageTiming>& rows) {
-  out << fmt::format("{:<9}{:>7}{:>8}{:>9}{:>8}{:>8}{:>8}", "size", "people", "bodies", "ms/frame", "median", "p99",
-                     "fps");
+  out << fmt::format("{:<9}{:>7}{:>8}{:>9}{:>8}{:>8}{:>8}{:>8}{:>9}{:>8}", "size", "people", "bodies", "ms/frame",
+                     "median", "p99", "cpu ms", "fps", "MB/trk", "peak MB");
   for (const char* name : kStageNames) out << fmt::format("{:>16}", name);
   out << "\n";
   for (const StageTiming& r : rows) {
-    out << fmt::format("{:<9}{:>7}{:>8.1f}{:>9.2f}{:>8.2f}{:>8.2f}{:>8.0f}", fmt::format("{}x{}", r.width, r.height),
-                       r.people, r.bodies, r.updateMs, r.medianMs, r.p99Ms, r.fps());
+    out << fmt::format("{:<9}{:>7}{:>8.1f}{:>9.2f}{:>8.2f}{:>8.2f}{:>8.2f}{:>8.0f}{:>9.1f}{:>8.1f}",
+                       fmt::format("{}x{}", r.width, r.height), r.people, r.bodies, r.updateMs, r.medianMs, r.p99Ms,
+                       r.cpuMs, r.fps(), r.trackerMb, r.peakMb);
     const double total = r.stage_total();
     for (double ms : r.stageMs)
       out << fmt::format("{:>16}", fmt::format("{:.2f} ({:.0f}%)", ms, total > 0 ? 100.0 * ms / total : 0.0));
     out << "\n";
   }
-  out << "ms/frame (mean), median, p99 and fps: the tracker's update; stages: the same frames step by step, mean ms (share of"
-         " their sum)\n";
+  out << "ms/frame (mean), median, p99 and fps: the tracker's update; cpu ms: the process's processor time per update"
+         " (mean, all threads); MB/trk: resident memory one tracker added; peak MB: the process's peak resident memory"
+         " (the bench holds a second, stepped tracker and the renderer too); stages: the same frames step by step, mean"
+         " ms (share of their sum)\n";
 }
 
 nlohmann::json stage_json(const std::vector<StageTiming>& rows) {
@@ -182,6 +225,9 @@ nlohmann::json stage_json(const std::vector<StageTiming>& rows) {
                    {"median_ms", r.medianMs},
                    {"p99_ms", r.p99Ms},
                    {"fps", r.fps()},
+                   {"cpu_ms_per_update", r.cpuMs},
+                   {"tracker_mb", r.trackerMb},
+                   {"peak_rss_mb", r.peakMb},
                    {"stages", stages}});
   }
   return out;

@@ -2,7 +2,8 @@
 // Time per stage of one tracker frame, in-process on simulated frames: the tracker's steps
 // (reduction, world points, users and floor, body-part classification, skeleton step)
 // run one by one with a clock around each, and the whole tracker update timed alone on the
-// same frames for frames per second.
+// same frames for frames per second, with the process's processor time per update and
+// its memory.
 
 #include <cstdint>
 #include <ostream>
@@ -25,6 +26,9 @@ struct StageTiming {
   int frames = 0;           // timed frames
   double updateMs = 0;      // mean whole update (the tracker itself)
   double medianMs = 0, p99Ms = 0;
+  double cpuMs = 0;         // mean processor time of the whole process per update, all threads
+  double trackerMb = 0;     // resident memory the tracker added, forest copy included
+  double peakMb = 0;        // the process's peak resident memory so far
   double stageMs[kStageCount] = {};  // mean per stage (the stepwise copy)
   double bodies = 0;        // mean tracked bodies per timed frame
 
