@@ -9,12 +9,14 @@
 namespace op {
 namespace {
 
-// Every task runs once, on whichever thread got to it first, and the first failure reaches
-// the waiter only after the other tasks are done.
+// Every task runs once, on whichever thread got to it first (a kept task on the caller),
+// and the first failure reaches the waiter only after the other tasks are done.
 TEST(TaskSet, RunsEveryTaskOnceAndRaisesTheFirstFailureLast) {
   ThreadPool pool(2);
   std::atomic<int> runs[12] = {};
   TaskSet set(pool);
+  std::thread::id keptOn;
+  set.keep([&keptOn] { keptOn = std::this_thread::get_id(); });
   for (int t = 0; t < 12; ++t) {
     set.submit(static_cast<uint64_t>(t) % 2, [&runs, t] {
       runs[t].fetch_add(1);
@@ -23,6 +25,7 @@ TEST(TaskSet, RunsEveryTaskOnceAndRaisesTheFirstFailureLast) {
   }
   EXPECT_THROW(set.wait(500, {}), std::runtime_error);
   for (int t = 0; t < 12; ++t) EXPECT_EQ(runs[t].load(), 1) << t;
+  EXPECT_EQ(keptOn, std::this_thread::get_id());
 }
 
 // Workers that keep finishing long after the caller send the next sets to the caller alone,
