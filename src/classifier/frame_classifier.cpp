@@ -279,7 +279,11 @@ void FrameClassifier::classify_subframe_LOD_parallel(const op::Image<uint16_t>& 
   for (op::Image<uint32_t>& image : node_images_) image.resize(depth.width(), depth.height());
   // One share per thread that can run at once, the caller's included: each walks every
   // tree over its grid rows and then combines those rows, so no share waits for another.
-  const auto shares = static_cast<uint32_t>(std::max<uint64_t>(1, std::min(pool.usableThreads(), workers + 1)));
+  // With fewer than four processors the caller walks alone: on two, handing half the rows
+  // to a worker made a 640x480 frame with two people a little slower, not faster, while
+  // keeping a second processor busy; the hand-overs cost what the shared walk saves.
+  const uint64_t usable = pool.usableThreads() >= splitThreads ? pool.usableThreads() : 1;
+  const auto shares = static_cast<uint32_t>(std::max<uint64_t>(1, std::min(usable, workers + 1)));
   auto run_share = [this, &depth, &params, &labels, &user_ids, shares](uint32_t share) {
     for (size_t t = 0; t < packed_->tree_count(); ++t) {
       walk_tree_rows(packed_->tree(t), depth, params, share, shares, node_images_[t]);

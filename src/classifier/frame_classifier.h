@@ -38,6 +38,9 @@ struct ClassifierUser {
 
 class FrameClassifier {
  public:
+  // Threads of the pool that can run at once, at least, for a level to be split among them.
+  uint64_t splitThreads = 4;
+
   // The forest must outlive the classifier.
   explicit FrameClassifier(const DecisionForest* forest);
   ~FrameClassifier();

@@ -95,8 +95,9 @@ class FrameClassifierTest : public ::testing::Test {
  protected:
   void classify(const DecisionForest& forest, const testing::Scene& scene,
                 std::vector<uint16_t> own, std::vector<uint16_t> candidates, Outputs& out,
-                op::ThreadPool* use_pool = nullptr) {
+                op::ThreadPool* use_pool = nullptr, uint64_t splitThreads = 4) {
     FrameClassifier classifier(&forest);
+    classifier.splitThreads = splitThreads;
     const ClassifierUser user{kUserId, own, candidates};
     classifier.classify_user(scene.depth, scene.labels, user, 0.35f, out.labels, out.ids,
                              out.score, out.region, use_pool ? *use_pool : pool);
@@ -350,7 +351,7 @@ TEST_F(FrameClassifierTest, EveryBuildAndPoolSizeGivesTheSameImages) {
     SCOPED_TRACE(workers);
     op::ThreadPool other(workers);
     Outputs out;
-    classify(forest, scene, {1}, {}, out, &other);
+    classify(forest, scene, {1}, {}, out, &other, 1);
     expect_same(out);
   }
 }
