@@ -12,6 +12,11 @@
 #include <stdbool.h>
 #include <stdint.h>
 
+/* The library's version; the shared library's SONAME carries the major number. */
+#define QBT_VERSION_MAJOR 0
+#define QBT_VERSION_MINOR 1
+#define QBT_VERSION_PATCH 0
+
 #if defined(QBT_BUILDING_LIBRARY)
 #define QBT_API __attribute__((visibility("default")))
 #else
@@ -166,9 +171,20 @@ typedef struct qbt_bodyframe_info_t {
   uint32_t height;
 } qbt_bodyframe_info_t;
 
+/* Asynchronous frames: a handle from qbt_bodytracker_update_async. frame_ready sets *isReady
+ * once the update has finished; take_frame then hands out its body frame (or the update's own
+ * error), after which the handle is spent. is_valid is false only for the all-zero handle. */
 QBT_API qbt_result_t qbt_asyncbodyframe_frame_ready(qbt_asyncbodyframe_t asyncBodyFrame, bool* isReady);
 QBT_API bool qbt_asyncbodyframe_is_valid(qbt_asyncbodyframe_t asyncBodyFrame);
 QBT_API qbt_result_t qbt_asyncbodyframe_take_frame(qbt_asyncbodyframe_t asyncBodyFrame, qbt_bodyframe_t* bodyFrame);
+
+/* Body frames. A frame is not a copy: its bodies, masks and floor point into the tracker and
+ * stay valid until it is released; the tracker's next update fails with code 1 while a frame
+ * is still held. body_list fills *bodyList with the tracker's one body array, rebuilt by
+ * every call (any frame of the same tracker); joint slot j holds joint type j. bodymask and
+ * floor_info hand out views at the input size (body id per pixel, 0 for nobody; 1 on the
+ * floor); without a floor the plane and the mask are all 0. release gives the frame back
+ * and zeroes the handle. */
 QBT_API qbt_result_t qbt_bodyframe_body_list(qbt_bodyframe_t bodyFrame, qbt_bodylist_t* bodyList);
 QBT_API qbt_result_t qbt_bodyframe_bodymask(qbt_bodyframe_t bodyFrame, qbt_bodymask_t* bodyMask);
 QBT_API qbt_result_t qbt_bodyframe_floor_info(qbt_bodyframe_t bodyFrame, bool* floorDetected,
@@ -176,6 +192,13 @@ QBT_API qbt_result_t qbt_bodyframe_floor_info(qbt_bodyframe_t bodyFrame, bool* f
 QBT_API qbt_result_t qbt_bodyframe_info(qbt_bodyframe_t bodyFrame, qbt_bodyframe_info_t* info);
 QBT_API bool qbt_bodyframe_is_valid(qbt_bodyframe_t bodyFrame);
 QBT_API qbt_result_t qbt_bodyframe_release(qbt_bodyframe_t* bodyFrame);
+
+/* Trackers. create starts loading the data file and returns at once; a null options pointer
+ * means the defaults that fill_default_options writes. destroy waits for a running
+ * asynchronous update and zeroes the handle. reset forgets everyone from the next update on.
+ * update tracks one depth map and hands out its frame (release it before the next update);
+ * update_async does the same on the tracker's worker and hands out a handle to poll. The
+ * depth map's size must be the same whole multiple of 160x120 in both directions. */
 QBT_API qbt_result_t qbt_bodytracker_create(const qbt_bodytracker_options_t* options, qbt_bodytracker_t* bodyTracker);
 QBT_API qbt_result_t qbt_bodytracker_destroy(qbt_bodytracker_t* bodyTracker);
 QBT_API qbt_result_t qbt_bodytracker_fill_default_options(qbt_bodytracker_options_t* options);
@@ -186,6 +209,10 @@ QBT_API qbt_result_t qbt_bodytracker_update(qbt_bodytracker_t bodyTracker, const
                                             qbt_bodyframe_t* bodyFrame);
 QBT_API qbt_result_t qbt_bodytracker_update_async(qbt_bodytracker_t bodyTracker, const qbt_depthmap_t* depthMap,
                                                   qbt_asyncbodyframe_t* asyncBodyFrame);
+
+/* The code and text of the last failure in the process (one record for all trackers and
+ * threads; a success does not clear it). The text is the record's own buffer: a later
+ * failure changes it. */
 QBT_API qbt_result_t qbt_error_info(qbt_error_info_t* info);
 
 #ifdef __cplusplus
