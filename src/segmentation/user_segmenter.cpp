@@ -4,6 +4,8 @@
 #include <cmath>
 #include <cstdlib>
 
+#include "op/union_find.h"
+#include "segmentation/user_ids.h"
 #include "segmentation/users_rules.h"
 
 namespace quorvik::legacy {
@@ -11,26 +13,6 @@ namespace quorvik::legacy {
 using namespace users_rules;
 
 namespace {
-
-inline uint32_t find_root(std::vector<uint32_t>& parent, uint32_t i) {
-  while (parent[i] != i) {
-    parent[i] = parent[parent[i]];
-    i = parent[i];
-  }
-  return i;
-}
-
-// Joins the sets of two roots-or-members; the smaller root becomes the root of both.
-inline uint32_t unite(std::vector<uint32_t>& parent, uint32_t a, uint32_t b) {
-  a = find_root(parent, a);
-  b = find_root(parent, b);
-  if (a < b) {
-    parent[b] = a;
-    return a;
-  }
-  parent[a] = b;
-  return b;
-}
 
 inline int32_t absdiff(int32_t a, int32_t b) { return a > b ? a - b : b - a; }
 
@@ -63,10 +45,10 @@ void UserSegmenter::start(int32_t width, int32_t height, const uint16_t* depthTo
     labelRing_.current().resize(width_, height_);
     labelRing_.current().clear();
   }
-  if (parent_.size() < size_t(pixelCount_) + 1) {
-    parent_.assign(size_t(pixelCount_) + 1, 0);
-    finalLabel_.assign(size_t(pixelCount_) + 1, 0);
-  }
+  // At most one provisional label per pixel, after the one that stands for none.
+  pixelSets_.reserve(pixelCount_ + 1);
+  regionNumber_.assign(size_t(pixelCount_) + 1, 0);
+  regionGroups_.reserve(std::max(UserRecord::kMaxRegions, kMaxGroupRegions));
 
   for (int32_t d = 0; d < kWeightTableSize; ++d) {
     weight_[d] = mapper_ != nullptr ? int32_t(mapper_->pixel_area_at(uint32_t(d)) * 100.0 + 0.5) : 0;
@@ -176,7 +158,7 @@ void UserSegmenter::build_labelling_images(DepthFrameInput& input, const Array2D
       if (depth == 0) {
         ld[x] = kZeroDepth;
         ls[x] = kZeroShift;
-      } else if (fg[x] != 0 || prev[x] != 0 || rp[x] == 0) {
+      } else if (fg[x] != 0 || prev[x] != kNobody || rp[x] == 0) {
         ld[x] = uint16_t(depth);
         ls[x] = s[x] != 0 ? s[x] : kZeroShift;
       } else {
@@ -196,56 +178,29 @@ void UserSegmenter::label_regions() {
   regionCount_ = 0;
   if (vb.left > vb.right || vb.top > vb.bottom) return;
 
-  uint32_t next = 0;
-  for (int32_t y = vb.top; y <= vb.bottom; ++y) {
-    const uint16_t* d = labellingDepth_.row(y);
-    const uint16_t* s = labellingShift_.row(y);
-    uint32_t* p = provisional_.row(y);
-    const bool hasUp = y > vb.top;
-    const uint16_t* du = hasUp ? labellingDepth_.row(y - 1) : nullptr;
-    const uint16_t* su = hasUp ? labellingShift_.row(y - 1) : nullptr;
-    const uint32_t* pu = hasUp ? provisional_.row(y - 1) : nullptr;
-    for (int32_t x = vb.left; x <= vb.right; ++x) {
-      if (d[x] == 0) {
-        p[x] = 0;
-        continue;
-      }
-      const int32_t dx = d[x], sx = s[x];
-      uint32_t label = 0, joined = 0;
-      auto join = [&](uint32_t other, int32_t od, int32_t os) {
-        // Neighbours in one smooth surface usually carry the same provisional label.
-        if (other == 0 || other == joined || (absdiff(dx, od) > kJoinDepth && absdiff(sx, os) > kJoinShift)) return;
-        label = label == 0 ? find_root(parent_, other) : unite(parent_, label, other);
-        joined = other;
-      };
-      if (x > vb.left) join(p[x - 1], d[x - 1], s[x - 1]);
-      if (hasUp) {
-        if (x > vb.left) join(pu[x - 1], du[x - 1], su[x - 1]);
-        join(pu[x], du[x], su[x]);
-        if (x < vb.right) join(pu[x + 1], du[x + 1], su[x + 1]);
-      }
-      if (label == 0) {
-        label = ++next;
-        parent_[label] = label;
-      }
-      p[x] = label;
-    }
-  }
+  const uint16_t* depth = labellingDepth_.data();
+  const uint16_t* shift = labellingShift_.data();
+  int32_t* provisional = provisional_.data();
+  pixelSets_.reset(1);
+  op::label_components(
+      pixelSets_, provisional, op::RasterWindow{width_, vb.left, vb.top, vb.right, vb.bottom},
+      [&](int32_t i) { return depth[i] != 0; },
+      [&](int32_t i, int32_t n) {
+        return absdiff(depth[i], depth[n]) <= kJoinDepth || absdiff(shift[i], shift[n]) <= kJoinShift;
+      },
+      op::Connectivity::Eight);
 
-  // Roots get their numbers in increasing provisional order, which is the raster order of
-  // each region's first pixel; a member's root is always smaller than the member.
-  uint32_t regions = 0;
-  for (uint32_t l = 1; l <= next; ++l) {
-    finalLabel_[l] = parent_[l] == l ? ++regions : finalLabel_[find_root(parent_, l)];
-  }
-  regionCount_ = int32_t(std::min<uint32_t>(regions, uint32_t(kMaxRegionId)));
+  // Sets are numbered in the order of their lowest provisional label, which is the raster
+  // order of each region's first pixel; region ids start at 1.
+  const int32_t regions = pixelSets_.number_sets(regionNumber_.data(), 1);
+  regionCount_ = std::min(regions, kMaxRegionId);
   for (int32_t y = vb.top; y <= vb.bottom; ++y) {
-    const uint32_t* p = provisional_.row(y);
+    const int32_t* p = provisional_.row(y);
     uint16_t* out = labels.row(y);
     for (int32_t x = vb.left; x <= vb.right; ++x) {
       if (p[x] == 0) continue;
-      const uint32_t id = finalLabel_[p[x]];
-      out[x] = id <= uint32_t(kMaxRegionId) ? uint16_t(id) : uint16_t{0};
+      const int32_t id = regionNumber_[size_t(p[x])] + 1;
+      out[x] = id <= kMaxRegionId ? uint16_t(id) : uint16_t{0};
     }
   }
 }
@@ -570,36 +525,27 @@ void UserSegmenter::drop_fragments() {
     int32_t minDepth = INT32_MAX, maxDepth = INT32_MIN;
     int64_t depthSum = 0, pixels = 0;
   };
-  int32_t parent[UserRecord::kMaxRegions];
+  int32_t groupOf[UserRecord::kMaxRegions];
   FragmentGroup groups[UserRecord::kMaxRegions];
   for (int32_t id = 1; id <= kMaxUsers; ++id) {
     UserRecord& user = users_[id];
     if (!user.active || user.regionCount < 2) continue;
     const int32_t n = user.regionCount;
-    for (int32_t i = 0; i < n; ++i) parent[i] = i;
-    auto root = [&](int32_t i) {
-      while (parent[i] != i) i = parent[i] = parent[parent[i]];
-      return i;
-    };
+    regionGroups_.reset(n);
     for (int32_t i = 0; i < n; ++i) {
       const RegionStats& a = regions_[user.regions[i]];
       for (int32_t j = i + 1; j < n; ++j) {
         const RegionStats& b = regions_[user.regions[j]];
         if (a.minX > b.maxX || b.minX > a.maxX || a.minY > b.maxY || b.minY > a.maxY) continue;
-        const int32_t ra = root(i), rb = root(j);
-        if (ra != rb) parent[std::max(ra, rb)] = std::min(ra, rb);
+        regionGroups_.unite(i, j);
       }
     }
-    int32_t groupCount = 0;
-    for (int32_t i = 0; i < n; ++i) {
-      if (root(i) != i) continue;
-      groups[i] = FragmentGroup{};
-      ++groupCount;
-    }
+    const int32_t groupCount = regionGroups_.number_sets(groupOf);
     if (groupCount < 2) continue;
+    for (int32_t g = 0; g < groupCount; ++g) groups[g] = FragmentGroup{};
     for (int32_t i = 0; i < n; ++i) {
       const RegionStats& s = regions_[user.regions[i]];
-      FragmentGroup& g = groups[root(i)];
+      FragmentGroup& g = groups[groupOf[i]];
       g.area += s.weight;
       g.minX = std::min(g.minX, s.minX), g.maxX = std::max(g.maxX, s.maxX);
       g.minY = std::min(g.minY, s.minY), g.maxY = std::max(g.maxY, s.maxY);
@@ -611,11 +557,10 @@ void UserSegmenter::drop_fragments() {
       return world_height(g.minY, g.maxY, g.pixels > 0 ? double(g.depthSum) / double(g.pixels) : 0.0);
     };
     int32_t main = -1;
-    for (int32_t i = 0; i < n; ++i) {
-      if (root(i) != i) continue;
-      const FragmentGroup& g = groups[i];
+    for (int32_t gi = 0; gi < groupCount; ++gi) {
+      const FragmentGroup& g = groups[gi];
       if (g.area <= kPersonArea || height_of(g) <= kFragmentMainHeight) continue;
-      if (main < 0 || g.minDepth < groups[main].minDepth) main = i;
+      if (main < 0 || g.minDepth < groups[main].minDepth) main = gi;
     }
     if (main < 0) continue;
     const FragmentGroup& m = groups[main];
@@ -623,7 +568,7 @@ void UserSegmenter::drop_fragments() {
     int32_t kept = 0;
     for (int32_t i = 0; i < n; ++i) {
       const int32_t r = user.regions[i];
-      const int32_t gi = root(i);
+      const int32_t gi = groupOf[i];
       bool release = false;
       uint8_t fragment = 0;
       if (gi != main) {
@@ -675,30 +620,19 @@ void UserSegmenter::rebuild_handed_back() {
 void UserSegmenter::claim_pair_surfaces() {
   const Array2D<uint16_t>& labels = labelRing_.current();
   const Array2D<uint16_t>& previous = labelRing_.back(1);
-  uint32_t next = 0;
-  for (int32_t y = 0; y < height_; ++y) {
-    const uint16_t* l = labels.row(y);
-    const uint16_t* d = labellingDepth_.row(y);
-    uint32_t* p = provisional_.row(y);
-    const uint16_t* lu = y > 0 ? labels.row(y - 1) : nullptr;
-    const uint16_t* du = y > 0 ? labellingDepth_.row(y - 1) : nullptr;
-    const uint32_t* pu = y > 0 ? provisional_.row(y - 1) : nullptr;
-    for (int32_t x = 0; x < width_; ++x) {
-      p[x] = 0;
-      const int32_t r = l[x];
-      if (r == 0 || r > regionCount_ || cutEvent_[r] < 0 || d[x] >= kPushDepth) continue;
-      uint32_t label = 0;
-      if (x > 0 && p[x - 1] != 0 && cutEvent_[l[x - 1]] == cutEvent_[r] && absdiff(d[x], d[x - 1]) <= kSurfaceJoin)
-        label = find_root(parent_, p[x - 1]);
-      if (pu != nullptr && pu[x] != 0 && cutEvent_[lu[x]] == cutEvent_[r] && absdiff(d[x], du[x]) <= kSurfaceJoin)
-        label = label == 0 ? find_root(parent_, pu[x]) : unite(parent_, label, pu[x]);
-      if (label == 0) {
-        label = ++next;
-        parent_[label] = label;
-      }
-      p[x] = label;
-    }
-  }
+  const uint16_t* region = labels.data();
+  const uint16_t* depth = labellingDepth_.data();
+  pixelSets_.reset(1);
+  op::label_components(
+      pixelSets_, provisional_.data(), op::RasterWindow::whole(width_, height_),
+      [&](int32_t i) {
+        const int32_t r = region[i];
+        return r != 0 && r <= regionCount_ && cutEvent_[r] >= 0 && depth[i] < kPushDepth;
+      },
+      [&](int32_t i, int32_t n) {
+        return cutEvent_[region[n]] == cutEvent_[region[i]] && absdiff(depth[i], depth[n]) <= kSurfaceJoin;
+      });
+  const int32_t next = pixelSets_.size() - 1;
   surfaceOwner_.assign(size_t(next) + 1, 0);
   if (next == 0) return;
   surfaceVotes_.assign(2 * (size_t(next) + 1), 0);
@@ -706,11 +640,11 @@ void UserSegmenter::claim_pair_surfaces() {
   for (int32_t y = 0; y < height_; ++y) {
     const uint16_t* l = labels.row(y);
     const uint16_t* prev = previous.row(y);
-    const uint32_t* p = provisional_.row(y);
+    const int32_t* p = provisional_.row(y);
     const uint8_t* same = unchangedNear_.row(y);
     for (int32_t x = 0; x < width_; ++x) {
       if (p[x] == 0) continue;
-      const uint32_t root = find_root(parent_, p[x]);
+      const auto root = size_t(pixelSets_.find(p[x]));
       const PairEvent& event = pairs_[cutEvent_[l[x]]];
       surfaceEvent_[root] = cutEvent_[l[x]];
       if (same[x] == 0) continue;
@@ -719,28 +653,28 @@ void UserSegmenter::claim_pair_surfaces() {
     }
   }
   struct Core {
-    uint32_t surface = 0;
+    int32_t surface = 0;
     int32_t votes = 0;
   };
   Core cores[kMaxPairs][2] = {};
-  for (uint32_t root = 1; root <= next; ++root) {
-    const int32_t e = surfaceEvent_[root];
+  for (int32_t root = 1; root <= next; ++root) {
+    const int32_t e = surfaceEvent_[size_t(root)];
     if (e < 0) continue;
     for (int k = 0; k < 2; ++k) {
-      const int32_t votes = surfaceVotes_[2 * root + size_t(k)];
+      const int32_t votes = surfaceVotes_[2 * size_t(root) + size_t(k)];
       if (votes > cores[e][k].votes) cores[e][k] = {root, votes};
     }
   }
   for (int32_t e = 0; e < kMaxPairs; ++e) {
-    const uint32_t a = cores[e][0].surface, b = cores[e][1].surface;
-    if (a != 0 && a != b) surfaceOwner_[a] = uint8_t(pairs_[e].first);
-    if (b != 0 && a != b) surfaceOwner_[b] = uint8_t(pairs_[e].second);
+    const int32_t a = cores[e][0].surface, b = cores[e][1].surface;
+    if (a != 0 && a != b) surfaceOwner_[size_t(a)] = uint8_t(pairs_[e].first);
+    if (b != 0 && a != b) surfaceOwner_[size_t(b)] = uint8_t(pairs_[e].second);
   }
 }
 
 uint8_t UserSegmenter::surface_owner(int32_t x, int32_t y) {
-  const uint32_t label = provisional_.row(y)[x];
-  return label == 0 ? 0 : surfaceOwner_[find_root(parent_, label)];
+  const int32_t label = provisional_.row(y)[x];
+  return label == 0 ? 0 : surfaceOwner_[size_t(pixelSets_.find(label))];
 }
 
 // ---------------------------------------------------------------------------------------

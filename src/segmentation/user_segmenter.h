@@ -17,6 +17,7 @@
 #include <utility>
 #include <vector>
 
+#include "op/union_find.h"
 #include "segmentation/background_model.h"
 #include "segmentation/candidate_detector.h"
 #include "segmentation/containers.h"
@@ -229,6 +230,7 @@ class UserSegmenter {
   void give_region(int32_t id, int32_t region);
   void gather_owned(int32_t id);
   int32_t group_unowned_regions(bool excludeNearUsers);
+  void list_groups(int32_t n);
   int32_t world_height(int32_t minY, int32_t maxY, double depth) const;
   double pixel_size(double depth) const;
   int32_t find_pair(int32_t a, int32_t b) const;
@@ -245,10 +247,10 @@ class UserSegmenter {
   Array2D<uint16_t> labellingShift_{0, 0, true};
   Array2D<uint8_t> unchanged_;
   Array2D<uint8_t> unchangedNear_;
-  Array2D<uint32_t> provisional_;
+  Array2D<int32_t> provisional_;
   ImageRing<uint16_t, 2> labelRing_;
-  std::vector<uint32_t> parent_;      // union-find over provisional labels
-  std::vector<uint32_t> finalLabel_;  // provisional label -> region id
+  op::UnionFind pixelSets_;            // over provisional labels
+  std::vector<int32_t> regionNumber_;  // provisional label -> region id - 1
 
   int32_t weight_[kWeightTableSize] = {};
   int32_t regionCount_ = 0;
@@ -256,7 +258,7 @@ class UserSegmenter {
   uint32_t owner_[kMaxRegions] = {};
   int64_t overlapTotals_[kMaxUsers + 1][kMaxUsers + 1] = {};
   int8_t cutEvent_[kMaxRegions] = {};
-  // Surfaces inside the regions a pair shares (labels in provisional_, sets in parent_).
+  // Surfaces inside the regions a pair shares (labels in provisional_, sets in pixelSets_).
   std::vector<uint8_t> surfaceOwner_;
   std::vector<int32_t> surfaceVotes_;
   std::vector<int8_t> surfaceEvent_;
@@ -282,7 +284,7 @@ class UserSegmenter {
     int32_t height = 0, width = 0;
   };
   int32_t groupRegion_[kMaxGroupRegions] = {};
-  int32_t groupParent_[kMaxGroupRegions] = {};
+  op::UnionFind regionGroups_;  // over groupRegion_, or a user's regions for the fragments
   int32_t groupMembers_[kMaxGroupRegions] = {};
   Group groups_[kMaxGroupRegions];
   int32_t groupCount_ = 0;

@@ -3,6 +3,9 @@
 #include <algorithm>
 #include <cmath>
 
+#include "op/union_find.h"
+#include "segmentation/floor_detector.h"
+#include "segmentation/user_ids.h"
 #include "segmentation/user_segmenter.h"
 #include "segmentation/users_rules.h"
 
@@ -30,6 +33,30 @@ void UserSegmenter::stage2(DepthFrameInput&, std::span<const TrackedCandidate> c
   check_shapes();
 }
 
+// The sets of regionGroups_ over groupRegion_[0, n) as groups_, in the order of their first
+// region, each with its members listed contiguously in groupMembers_ and empty extents.
+void UserSegmenter::list_groups(int32_t n) {
+  int32_t groupOf[kMaxGroupRegions];
+  groupCount_ = regionGroups_.number_sets(groupOf);
+  for (int32_t gi = 0; gi < groupCount_; ++gi) {
+    Group& g = groups_[gi];
+    g = Group{};
+    g.minX = g.minY = g.minDepth = INT32_MAX;
+    g.maxX = g.maxY = g.maxDepth = INT32_MIN;
+  }
+  for (int32_t i = 0; i < n; ++i) groups_[groupOf[i]].count++;
+  int32_t offset = 0;
+  for (int32_t gi = 0; gi < groupCount_; ++gi) {
+    groups_[gi].first = offset;
+    offset += groups_[gi].count;
+    groups_[gi].count = 0;
+  }
+  for (int32_t i = 0; i < n; ++i) {
+    Group& g = groups_[groupOf[i]];
+    groupMembers_[g.first + g.count++] = groupRegion_[i];
+  }
+}
+
 // Groups the unowned, mostly-foreground regions into groups_ (see users_rules.h).
 int32_t UserSegmenter::group_unowned_regions(bool excludeNearUsers) {
   int32_t n = 0;
@@ -46,14 +73,9 @@ int32_t UserSegmenter::group_unowned_regions(bool excludeNearUsers) {
                  std::abs(s.meanDepth - user.meanDepth) <= kNearUserDepth;
     }
     if (nearUser) continue;
-    groupRegion_[n] = r;
-    groupParent_[n] = n;
-    ++n;
+    groupRegion_[n++] = r;
   }
-  auto root = [&](int32_t i) {
-    while (groupParent_[i] != i) i = groupParent_[i] = groupParent_[groupParent_[i]];
-    return i;
-  };
+  regionGroups_.reset(n);
   for (int32_t i = 0; i < n; ++i) {
     const RegionStats& a = regions_[groupRegion_[i]];
     for (int32_t j = i + 1; j < n; ++j) {
@@ -63,42 +85,21 @@ int32_t UserSegmenter::group_unowned_regions(bool excludeNearUsers) {
           b.minDepth > a.maxDepth + kGroupDepthGap) {
         continue;
       }
-      const int32_t ra = root(i), rb = root(j);
-      if (ra != rb) groupParent_[std::max(ra, rb)] = std::min(ra, rb);
+      regionGroups_.unite(i, j);
     }
   }
-  // Members of each group are listed contiguously in groupMembers_.
-  int32_t groupOf[kMaxGroupRegions];
-  groupCount_ = 0;
-  for (int32_t i = 0; i < n; ++i) {
-    if (root(i) == i) {
-      groupOf[i] = groupCount_;
-      Group& g = groups_[groupCount_++];
-      g = Group{};
-      g.minX = g.minY = g.minDepth = INT32_MAX;
-      g.maxX = g.maxY = g.maxDepth = INT32_MIN;
-    }
-  }
-  for (int32_t i = 0; i < n; ++i) groups_[groupOf[root(i)]].count++;
-  int32_t offset = 0;
-  for (int32_t g = 0; g < groupCount_; ++g) {
-    groups_[g].first = offset;
-    offset += groups_[g].count;
-    groups_[g].count = 0;
-  }
-  for (int32_t i = 0; i < n; ++i) {
-    Group& g = groups_[groupOf[root(i)]];
-    const RegionStats& s = regions_[groupRegion_[i]];
-    groupMembers_[g.first + g.count++] = groupRegion_[i];
-    g.area += s.weight;
-    g.minX = std::min(g.minX, s.minX), g.maxX = std::max(g.maxX, s.maxX);
-    g.minY = std::min(g.minY, s.minY), g.maxY = std::max(g.maxY, s.maxY);
-    g.minDepth = std::min(g.minDepth, s.minDepth), g.maxDepth = std::max(g.maxDepth, s.maxDepth);
-    g.meanDepth += s.meanDepth * double(s.weight);
-    g.worldX += s.worldX * double(s.weight);
-  }
+  list_groups(n);
   for (int32_t gi = 0; gi < groupCount_; ++gi) {
     Group& g = groups_[gi];
+    for (int32_t k = g.first; k < g.first + g.count; ++k) {
+      const RegionStats& s = regions_[groupMembers_[k]];
+      g.area += s.weight;
+      g.minX = std::min(g.minX, s.minX), g.maxX = std::max(g.maxX, s.maxX);
+      g.minY = std::min(g.minY, s.minY), g.maxY = std::max(g.maxY, s.maxY);
+      g.minDepth = std::min(g.minDepth, s.minDepth), g.maxDepth = std::max(g.maxDepth, s.maxDepth);
+      g.meanDepth += s.meanDepth * double(s.weight);
+      g.worldX += s.worldX * double(s.weight);
+    }
     if (g.area > 0) {
       g.meanDepth /= double(g.area);
       g.worldX /= double(g.area);
@@ -184,14 +185,9 @@ int32_t UserSegmenter::group_static_regions() {
     const RegionStats& s = regions_[r];
     stillMember_[r] = 0;
     if (owner_[r] != 0 || s.hasNear || s.hasZero || s.handedBack || s.farWeight < 100 * kRegionMinArea) continue;
-    groupRegion_[n] = r;
-    groupParent_[n] = n;
-    ++n;
+    groupRegion_[n++] = r;
   }
-  auto root = [&](int32_t i) {
-    while (groupParent_[i] != i) i = groupParent_[i] = groupParent_[groupParent_[i]];
-    return i;
-  };
+  regionGroups_.reset(n);
   for (int32_t i = 0; i < n; ++i) {
     const RegionStats& a = regions_[groupRegion_[i]];
     for (int32_t j = i + 1; j < n; ++j) {
@@ -201,41 +197,22 @@ int32_t UserSegmenter::group_static_regions() {
           a.farMinDepth > b.farMaxDepth || b.farMinDepth > a.farMaxDepth) {
         continue;
       }
-      const int32_t ra = root(i), rb = root(j);
-      if (ra != rb) groupParent_[std::max(ra, rb)] = std::min(ra, rb);
+      regionGroups_.unite(i, j);
     }
   }
-  int32_t groupOf[kMaxGroupRegions];
-  groupCount_ = 0;
-  for (int32_t i = 0; i < n; ++i) {
-    if (root(i) != i) continue;
-    groupOf[i] = groupCount_;
-    Group& g = groups_[groupCount_++];
-    g = Group{};
-    g.minX = g.minY = g.minDepth = INT32_MAX;
-    g.maxX = g.maxY = g.maxDepth = INT32_MIN;
-  }
-  for (int32_t i = 0; i < n; ++i) groups_[groupOf[root(i)]].count++;
-  int32_t offset = 0;
-  for (int32_t g = 0; g < groupCount_; ++g) {
-    groups_[g].first = offset;
-    offset += groups_[g].count;
-    groups_[g].count = 0;
-  }
-  for (int32_t i = 0; i < n; ++i) {
-    Group& g = groups_[groupOf[root(i)]];
-    const RegionStats& s = regions_[groupRegion_[i]];
-    groupMembers_[g.first + g.count++] = groupRegion_[i];
-    g.area += s.farWeight / 100;
-    g.minX = std::min(g.minX, s.farMinX), g.maxX = std::max(g.maxX, s.farMaxX);
-    g.minY = std::min(g.minY, s.farMinY), g.maxY = std::max(g.maxY, s.farMaxY);
-    g.minDepth = std::min(g.minDepth, s.farMinDepth), g.maxDepth = std::max(g.maxDepth, s.farMaxDepth);
-    g.meanDepth += double(s.farSumDepth);
-    g.worldX += double(s.farSumX);
-    g.width += s.farPixels;  // pixel count until the loop below
-  }
+  list_groups(n);
   for (int32_t gi = 0; gi < groupCount_; ++gi) {
     Group& g = groups_[gi];
+    for (int32_t k = g.first; k < g.first + g.count; ++k) {
+      const RegionStats& s = regions_[groupMembers_[k]];
+      g.area += s.farWeight / 100;
+      g.minX = std::min(g.minX, s.farMinX), g.maxX = std::max(g.maxX, s.farMaxX);
+      g.minY = std::min(g.minY, s.farMinY), g.maxY = std::max(g.maxY, s.farMaxY);
+      g.minDepth = std::min(g.minDepth, s.farMinDepth), g.maxDepth = std::max(g.maxDepth, s.farMaxDepth);
+      g.meanDepth += double(s.farSumDepth);
+      g.worldX += double(s.farSumX);
+      g.width += s.farPixels;  // pixel count until below
+    }
     const double pixels = std::max(double(g.width), 1.0);
     g.meanDepth /= pixels;
     g.worldX = mapper_ != nullptr ? (g.worldX / pixels - mapper_->centerX) * pixel_size(g.meanDepth) : 0;
@@ -268,7 +245,7 @@ bool UserSegmenter::still_pixel(int32_t x, int32_t y, uint16_t region) const {
   if (!floorPlane_.known) return true;
   // Where the floor mask does not reach, the plane still tells floor from feet.
   const int32_t shift = labellingShift_.row(y)[x] - int32_t(kPushShift);
-  const double floor = floorPlane_.a * x + floorPlane_.b * y + floorPlane_.c;
+  const double floor = floor_shift_at(floorPlane_.a, floorPlane_.b, floorPlane_.c, x, y);
   return std::abs(double(shift) - floor) > kStillFloorShift;
 }
 
@@ -677,7 +654,7 @@ void UserSegmenter::relabel() {
       const int32_t r = l[x];
       if (r == 0) continue;
       if (r > regionCount_) {
-        l[x] = 0;
+        l[x] = kNobody;
         continue;
       }
       uint32_t o = owner_[r];
