@@ -1,7 +1,15 @@
 #include "segmentation/user_segmenter.h"
 
+// The users stage's frame loop, its bookkeeping and the first steps of stage 1. Static pixels
+// of nobody are pushed back in the labelling images so that they do not join the people in
+// front of them; the rest is cut into regions connected in depth or in shift, and each
+// region's statistics are gathered in one run-length pass, near and pushed-away pixels
+// apart, with its overlap with the previous frame's users. The later steps live beside this
+// file: identity and pairs (users_pairs.cpp), what the users keep (users_checks.cpp), new
+// users (users_search.cpp, users_still.cpp) and the final label map (users_update.cpp). The
+// user bookkeeping that they all share, and the invariants it keeps, stays here.
+
 #include <algorithm>
-#include <cmath>
 #include <cstdlib>
 
 #include "op/union_find.h"
@@ -85,9 +93,6 @@ int32_t UserSegmenter::world_height(int32_t minY, int32_t maxY, double depth) co
   return int32_t(double(maxY - minY + 1) * pixel_size(depth));
 }
 
-// ---------------------------------------------------------------------------------------
-// Stage 1
-
 void UserSegmenter::stage1(DepthFrameInput& input, const Array2D<uint8_t>& floorMask, bool hasFloor,
                            const BackgroundModel& background, FloorShiftPlane floorPlane) {
   ++frame_;
@@ -124,6 +129,26 @@ void UserSegmenter::stage1(DepthFrameInput& input, const Array2D<uint8_t>& floor
   hand_back_static_regions();
   drop_fragments();
   rebuild_handed_back();
+}
+
+void UserSegmenter::stage2(DepthFrameInput&, std::span<const TrackedCandidate> candidates,
+                           const BackgroundModel& background) {
+  for (int32_t id = 1; id <= kMaxUsers; ++id) {
+    if (users_[id].active) gather_owned(id);
+  }
+  searchAllowed_ = !background.sceneChanging && background.framesSinceReset >= 30 && !badFrame_;
+  seedUser_ = 0;
+  if (searchAllowed_) {
+    reacquire_lost_users();
+    find_still_people();
+    create_from_candidates(candidates);
+    create_from_foreground();
+  }
+  attach_unowned_regions();
+  update_users();
+  relabel();
+  measure_users();
+  check_shapes();
 }
 
 void UserSegmenter::build_labelling_images(DepthFrameInput& input, const Array2D<uint8_t>& floorMask, bool hasFloor,
@@ -310,375 +335,6 @@ void UserSegmenter::gather_region_statistics(const BackgroundModel& background, 
     s.mostlyForeground = 2 * s.foregroundWeight > s.weight;
   }
 }
-
-void UserSegmenter::carry_over_identity() {
-  int64_t bestOverlap[kMaxUsers + 1] = {};
-  for (int32_t r = 1; r <= regionCount_; ++r) {
-    const RegionStats& s = regions_[r];
-    if (!s.usable()) continue;
-    int32_t k = 0;
-    for (int32_t id = 1; id <= kMaxUsers; ++id) {
-      if (s.overlap[id] > (k == 0 ? 0 : s.overlap[k])) k = id;
-    }
-    if (k == 0) continue;
-    if (3 * s.overlap[k] > s.weight && users_[k].active && users_[k].append(r)) owner_[r] = uint32_t(k);
-    if (s.overlap[k] > bestOverlap[k]) {
-      bestOverlap[k] = s.overlap[k];
-      users_[k].bestRegion = r;
-    }
-  }
-}
-
-int32_t UserSegmenter::find_pair(int32_t a, int32_t b) const {
-  for (int32_t i = 0; i < kMaxPairs; ++i) {
-    const PairEvent& e = pairs_[i];
-    if (e.used && ((e.first == a && e.second == b) || (e.first == b && e.second == a))) return i;
-  }
-  return -1;
-}
-
-void UserSegmenter::pair_users() {
-  int64_t overlap[kMaxUsers + 1][kMaxUsers + 1] = {};
-  for (int32_t k = 1; k <= kMaxUsers; ++k) {
-    const UserRecord& user = users_[k];
-    if (!user.active) continue;
-    for (int32_t i = 0; i < user.regionCount; ++i) {
-      const RegionStats& s = regions_[user.regions[i]];
-      for (int32_t j = 1; j <= kMaxUsers; ++j) overlap[k][j] += s.overlap[j];
-    }
-  }
-  for (int32_t k = 1; k <= kMaxUsers; ++k) {
-    for (int32_t j = 1; j <= kMaxUsers; ++j) overlapTotals_[k][j] = overlap[k][j];
-  }
-
-  for (int32_t k = 1; k <= kMaxUsers; ++k) {
-    UserRecord& first = users_[k];
-    if (!first.active || first.secondOfPair) continue;
-    for (int32_t j = 1; j <= kMaxUsers; ++j) {
-      UserRecord& second = users_[j];
-      if (j == k || !second.active || second.secondOfPair || overlap[k][j] < kPairOverlap) continue;
-      first.pairPartner = j;
-      second.secondOfPair = true;
-      for (int32_t i = 0; i < second.regionCount; ++i) {
-        const int32_t r = second.regions[i];
-        owner_[r] = first.append(r) ? uint32_t(k) : 0u;
-      }
-      second.regionCount = 0;
-      int32_t e = find_pair(k, j);
-      if (e < 0) {
-        for (int32_t i = 0; i < kMaxPairs && e < 0; ++i) {
-          if (!pairs_[i].used) e = i;
-        }
-        if (e >= 0) pairs_[e] = PairEvent{};
-      }
-      if (e >= 0) {
-        PairEvent& event = pairs_[e];
-        event.used = true;
-        event.first = k;
-        event.second = j;
-        event.recordedOverlap = overlap[k][j];
-        event.pairedThisFrame = true;
-      }
-    }
-  }
-  maintain_pair_events();
-  for (const PairEvent& event : pairs_) {
-    if (!event.used) continue;
-    users_[event.second].secondOfPair = true;
-    users_[event.first].pairPartner = event.second;
-  }
-}
-
-// A pair event lives while the two users keep covering each other's previous pixels: it is
-// dropped once the overlap falls below 70 percent of the overlap recorded at the latest
-// pairing, or when either user is gone. Its split column is the image column half-way
-// between the two users' previous centroids.
-void UserSegmenter::maintain_pair_events() {
-  for (PairEvent& event : pairs_) {
-    if (!event.used) continue;
-    const UserRecord& a = users_[event.first];
-    const UserRecord& b = users_[event.second];
-    if (!a.active || !b.active) {
-      event = PairEvent{};
-      continue;
-    }
-    if (!event.pairedThisFrame) {
-      const int64_t current =
-          std::max(overlapTotals_[event.first][event.second], overlapTotals_[event.second][event.first]);
-      if (10 * current < 7 * event.recordedOverlap) {
-        event = PairEvent{};
-        continue;
-      }
-    }
-    if (a.seen && b.seen) {
-      event.splitColumn = int32_t(std::lround((a.centroidColumn + b.centroidColumn) / 2));
-      event.secondOnLeft = b.centroidColumn < a.centroidColumn;
-    }
-    event.pairedThisFrame = false;
-    ++event.frames;
-  }
-}
-
-bool UserSegmenter::in_pair(int32_t id) const {
-  for (const PairEvent& event : pairs_) {
-    if (event.used && (event.first == id || event.second == id)) return true;
-  }
-  return false;
-}
-
-void UserSegmenter::check_against_background(const BackgroundModel& background) {
-  if (background.badFrame) {
-    for (int32_t id = 1; id <= kMaxUsers; ++id) {
-      if (users_[id].active && users_[id].regionCount == 0) remove_user(id);
-    }
-  }
-  if (!background.sceneChanging) return;
-  for (int32_t id = 1; id <= kMaxUsers; ++id) {
-    UserRecord& user = users_[id];
-    // Paired users hand their regions to the first of the pair; they are judged together
-    // with it and not on their own lists.
-    if (!user.active || in_pair(id)) continue;
-    if (user.age < int32_t(background.changeDepth)) {
-      remove_user(id);
-      continue;
-    }
-    int64_t present = 0;
-    for (int32_t i = 0; i < user.regionCount; ++i) present += regions_[user.regions[i]].weight;
-    if (3 * present < 2 * user.labelArea || 10 * overlapTotals_[id][id] < 8 * present) remove_user(id);
-  }
-}
-
-void UserSegmenter::hand_back_static_regions() {
-  bool anyStatic = false;
-  for (int32_t id = 1; id <= kMaxUsers && !anyStatic; ++id) {
-    const UserRecord& user = users_[id];
-    if (!user.active) continue;
-    for (int32_t i = 0; i < user.regionCount && !anyStatic; ++i) {
-      const RegionStats& s = regions_[user.regions[i]];
-      anyStatic = 10 * s.foregroundWeight < s.weight;
-    }
-  }
-  if (!anyStatic) return;
-
-  int64_t area[kMaxUsers + 1] = {}, foreground[kMaxUsers + 1] = {};
-  for (int32_t id = 1; id <= kMaxUsers; ++id) {
-    const UserRecord& user = users_[id];
-    if (!user.active) continue;
-    for (int32_t i = 0; i < user.regionCount; ++i) {
-      area[id] += regions_[user.regions[i]].weight;
-      foreground[id] += regions_[user.regions[i]].foregroundWeight;
-    }
-  }
-  for (const PairEvent& event : pairs_) {
-    if (!event.used) continue;
-    const int64_t a = std::min(area[event.first], area[event.second]);
-    const int64_t m = std::min(foreground[event.first], foreground[event.second]);
-    area[event.first] = area[event.second] = a;
-    foreground[event.first] = foreground[event.second] = m;
-  }
-  for (int32_t id = 1; id <= kMaxUsers; ++id) {
-    UserRecord& user = users_[id];
-    if (!user.active) continue;
-    const int64_t A = area[id], M = foreground[id];
-    const bool examineAll = !in_pair(id) && 4 * M >= A;
-    const int64_t h = user.maxWorldHeight;
-    const int64_t limit = std::min(h * h / 3, A);
-    int32_t kept = 0;
-    for (int32_t i = 0; i < user.regionCount; ++i) {
-      const int32_t r = user.regions[i];
-      RegionStats& s = regions_[r];
-      const int64_t a = s.weight, m = s.foregroundWeight;
-      bool release = false;
-      if ((examineAll || a <= kSmallStaticRegion) && 10 * m < a && 4 * m < limit) {
-        if (10 * m >= M) {
-          release = user.shapeFlag;
-        } else if (M >= kHandBackForeground) {
-          release = true;
-          s.handedBack = true;
-          s.handedBackBy = uint8_t(id);
-        }
-      }
-      if (release) {
-        owner_[r] = 0;
-      } else {
-        user.regions[kept++] = int16_t(r);
-      }
-    }
-    user.regionCount = kept;
-  }
-}
-
-// Fragments. A user's regions are grouped by overlapping image boxes. When there is more
-// than one group, the main group is the nearest person-sized one (area above 100,000 mm2,
-// height above 800 mm). Another group loses its regions when
-//  - it lies entirely behind the main group and is a blob rather than a thin strip (its area
-//    is above a tenth of its height squared): typically a piece of wall or furniture that
-//    joined while the person stood against it; or
-//  - it is itself person-sized (area above 100,000 mm2, height at least 1000 mm) and lies
-//    beside the main group with a gap of at least 100 mm: a second person who walked in
-//    touching the first one and has now stepped apart. Such regions are marked so that the
-//    new-user search may start a user from them even though they lie near this one.
-void UserSegmenter::drop_fragments() {
-  struct FragmentGroup {
-    int64_t area = 0;
-    int32_t minX = INT32_MAX, maxX = INT32_MIN, minY = INT32_MAX, maxY = INT32_MIN;
-    int32_t minDepth = INT32_MAX, maxDepth = INT32_MIN;
-    int64_t depthSum = 0, pixels = 0;
-  };
-  int32_t groupOf[UserRecord::kMaxRegions];
-  FragmentGroup groups[UserRecord::kMaxRegions];
-  for (int32_t id = 1; id <= kMaxUsers; ++id) {
-    UserRecord& user = users_[id];
-    if (!user.active || user.regionCount < 2) continue;
-    const int32_t n = user.regionCount;
-    regionGroups_.reset(n);
-    for (int32_t i = 0; i < n; ++i) {
-      const RegionStats& a = regions_[user.regions[i]];
-      for (int32_t j = i + 1; j < n; ++j) {
-        const RegionStats& b = regions_[user.regions[j]];
-        if (a.minX > b.maxX || b.minX > a.maxX || a.minY > b.maxY || b.minY > a.maxY) continue;
-        regionGroups_.unite(i, j);
-      }
-    }
-    const int32_t groupCount = regionGroups_.number_sets(groupOf);
-    if (groupCount < 2) continue;
-    for (int32_t g = 0; g < groupCount; ++g) groups[g] = FragmentGroup{};
-    for (int32_t i = 0; i < n; ++i) {
-      const RegionStats& s = regions_[user.regions[i]];
-      FragmentGroup& g = groups[groupOf[i]];
-      g.area += s.weight;
-      g.minX = std::min(g.minX, s.minX), g.maxX = std::max(g.maxX, s.maxX);
-      g.minY = std::min(g.minY, s.minY), g.maxY = std::max(g.maxY, s.maxY);
-      g.minDepth = std::min(g.minDepth, s.minDepth), g.maxDepth = std::max(g.maxDepth, s.maxDepth);
-      g.depthSum += s.sumDepth;
-      g.pixels += s.nearPixels;
-    }
-    auto height_of = [&](const FragmentGroup& g) {
-      return world_height(g.minY, g.maxY, g.pixels > 0 ? double(g.depthSum) / double(g.pixels) : 0.0);
-    };
-    int32_t main = -1;
-    for (int32_t gi = 0; gi < groupCount; ++gi) {
-      const FragmentGroup& g = groups[gi];
-      if (g.area <= kPersonArea || height_of(g) <= kFragmentMainHeight) continue;
-      if (main < 0 || g.minDepth < groups[main].minDepth) main = gi;
-    }
-    if (main < 0) continue;
-    const FragmentGroup& m = groups[main];
-    const double mainPixel = pixel_size(double(m.depthSum) / double(std::max<int64_t>(m.pixels, 1)));
-    int32_t kept = 0;
-    for (int32_t i = 0; i < n; ++i) {
-      const int32_t r = user.regions[i];
-      const int32_t gi = groupOf[i];
-      bool release = false;
-      uint8_t fragment = 0;
-      if (gi != main) {
-        const FragmentGroup& g = groups[gi];
-        const int64_t h = height_of(g);
-        const bool behind = g.minDepth > m.maxDepth;
-        const int32_t gapColumns = std::max(g.minX - m.maxX, m.minX - g.maxX) - 1;
-        const bool beside = double(gapColumns) * mainPixel >= kFragmentGap;
-        if (behind && 10 * g.area > h * h) {
-          release = true;
-        } else if (beside && g.area > kPersonArea && h >= kPersonHeight) {
-          release = true;
-          fragment = 1;
-        }
-      }
-      if (release) {
-        owner_[r] = 0;
-        regions_[r].fragment = fragment;
-      } else {
-        user.regions[kept++] = int16_t(r);
-      }
-    }
-    user.regionCount = kept;
-  }
-}
-
-void UserSegmenter::rebuild_handed_back() {
-  handedBackCount_ = 0;
-  for (int32_t r = 1; r <= regionCount_; ++r) {
-    const RegionStats& s = regions_[r];
-    if (!s.handedBack || owner_[r] != 0 || !s.hasNear) continue;
-    HandedBackRegion& out = handedBack_[handedBackCount_++];
-    out.regionId = r;
-    out.box.reset();
-    out.box.add(s.minX, s.minY, s.minDepth);
-    out.box.add(s.maxX, s.maxY, s.maxDepth);
-    out.weight = int32_t(std::min<int64_t>(s.weight, INT32_MAX));
-  }
-}
-
-// Inside the regions a pair shares, the pixels are split again by surface: neighbours join
-// only within a few centimetres of depth, with no shift tolerance, so that a person who
-// stands behind the other comes apart from them. Each user of the pair claims the surface
-// holding most of its previous pixels; a surface that only one of the two claims goes to
-// it whole. Without this, pixels that one person took from the other while they stood at
-// the same depth keep their wrong id as long as they stay still, because a previous label
-// is carried wherever the depth does not change. Votes count only where the depth stayed,
-// as the carry-over's do: what a passer-by uncovers is not theirs.
-void UserSegmenter::claim_pair_surfaces() {
-  const Array2D<uint16_t>& labels = labelRing_.current();
-  const Array2D<uint16_t>& previous = labelRing_.back(1);
-  const uint16_t* region = labels.data();
-  const uint16_t* depth = labellingDepth_.data();
-  pixelSets_.reset(1);
-  op::label_components(
-      pixelSets_, provisional_.data(), op::RasterWindow::whole(width_, height_),
-      [&](int32_t i) {
-        const int32_t r = region[i];
-        return r != 0 && r <= regionCount_ && cutEvent_[r] >= 0 && depth[i] < kPushDepth;
-      },
-      [&](int32_t i, int32_t n) {
-        return cutEvent_[region[n]] == cutEvent_[region[i]] && absdiff(depth[i], depth[n]) <= kSurfaceJoin;
-      });
-  const int32_t next = pixelSets_.size() - 1;
-  surfaceOwner_.assign(size_t(next) + 1, 0);
-  if (next == 0) return;
-  surfaceVotes_.assign(2 * (size_t(next) + 1), 0);
-  surfaceEvent_.assign(size_t(next) + 1, -1);
-  for (int32_t y = 0; y < height_; ++y) {
-    const uint16_t* l = labels.row(y);
-    const uint16_t* prev = previous.row(y);
-    const int32_t* p = provisional_.row(y);
-    const uint8_t* same = unchangedNear_.row(y);
-    for (int32_t x = 0; x < width_; ++x) {
-      if (p[x] == 0) continue;
-      const auto root = size_t(pixelSets_.find(p[x]));
-      const PairEvent& event = pairs_[cutEvent_[l[x]]];
-      surfaceEvent_[root] = cutEvent_[l[x]];
-      if (same[x] == 0) continue;
-      if (prev[x] == event.first) ++surfaceVotes_[2 * root];
-      if (prev[x] == event.second) ++surfaceVotes_[2 * root + 1];
-    }
-  }
-  struct Core {
-    int32_t surface = 0;
-    int32_t votes = 0;
-  };
-  Core cores[kMaxPairs][2] = {};
-  for (int32_t root = 1; root <= next; ++root) {
-    const int32_t e = surfaceEvent_[size_t(root)];
-    if (e < 0) continue;
-    for (int k = 0; k < 2; ++k) {
-      const int32_t votes = surfaceVotes_[2 * size_t(root) + size_t(k)];
-      if (votes > cores[e][k].votes) cores[e][k] = {root, votes};
-    }
-  }
-  for (int32_t e = 0; e < kMaxPairs; ++e) {
-    const int32_t a = cores[e][0].surface, b = cores[e][1].surface;
-    if (a != 0 && a != b) surfaceOwner_[size_t(a)] = uint8_t(pairs_[e].first);
-    if (b != 0 && a != b) surfaceOwner_[size_t(b)] = uint8_t(pairs_[e].second);
-  }
-}
-
-uint8_t UserSegmenter::surface_owner(int32_t x, int32_t y) {
-  const int32_t label = provisional_.row(y)[x];
-  return label == 0 ? 0 : surfaceOwner_[size_t(pixelSets_.find(label))];
-}
-
-// ---------------------------------------------------------------------------------------
-// Users: creation, removal, regions
 
 int32_t UserSegmenter::create_user() {
   if (freeCount_ == 0) return 0;

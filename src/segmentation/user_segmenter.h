@@ -197,44 +197,47 @@ class UserSegmenter {
   bool consistent() const;
 
  private:
-  // Stage 1 steps.
+  // Labelling and statistics (user_segmenter.cpp).
   void build_labelling_images(DepthFrameInput& input, const Array2D<uint8_t>& floorMask, bool hasFloor,
                               const BackgroundModel& background);
   void label_regions();
   void gather_region_statistics(const BackgroundModel& background, DepthFrameInput& input);
+  // Identity and pairs (users_pairs.cpp).
   void carry_over_identity();
   void pair_users();
   void maintain_pair_events();
+  int32_t find_pair(int32_t a, int32_t b) const;
+  bool in_pair(int32_t id) const;
+  void claim_pair_surfaces();
+  uint8_t surface_owner(int32_t x, int32_t y);
+  // What the users keep (users_checks.cpp).
   void check_against_background(const BackgroundModel& background);
   void hand_back_static_regions();
   void drop_fragments();
   void rebuild_handed_back();
-  // Stage 2 steps.
+  // New users from what moves (users_search.cpp) and from what stands still (users_still.cpp).
+  void list_groups(int32_t n);
+  int32_t group_unowned_regions(bool excludeNearUsers);
   void reacquire_lost_users();
-  void find_still_people();
-  int32_t group_static_regions();
   bool covered_by_users(const Box3D<int>& box) const;
   void create_from_candidates(std::span<const TrackedCandidate> candidates);
   void create_from_foreground();
+  int32_t group_static_regions();
+  void find_still_people();
+  // Update and the final label map (users_update.cpp).
   void attach_unowned_regions();
   void update_users();
   void relabel();
-  void claim_pair_surfaces();
-  uint8_t surface_owner(int32_t x, int32_t y);
   void measure_users();
   void check_shapes();
 
-  // Helpers.
+  // Bookkeeping shared by the steps (user_segmenter.cpp).
   int32_t create_user();
   void remove_user(int32_t id);
   void give_region(int32_t id, int32_t region);
   void gather_owned(int32_t id);
-  int32_t group_unowned_regions(bool excludeNearUsers);
-  void list_groups(int32_t n);
   int32_t world_height(int32_t minY, int32_t maxY, double depth) const;
   double pixel_size(double depth) const;
-  int32_t find_pair(int32_t a, int32_t b) const;
-  bool in_pair(int32_t id) const;
 
   int32_t width_ = 0, height_ = 0, pixelCount_ = 0;
   uint32_t scale_ = 0;
