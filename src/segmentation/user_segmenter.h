@@ -216,7 +216,7 @@ class UserSegmenter {
   void drop_fragments();
   void rebuild_handed_back();
   // New users from what moves (users_search.cpp) and from what stands still (users_still.cpp).
-  void list_groups(int32_t n);
+  void form_groups(int32_t n, bool far, int32_t depthGap);
   int32_t group_unowned_regions(bool excludeNearUsers);
   void reacquire_lost_users();
   bool covered_by_users(const Box3D<int>& box) const;

@@ -14,9 +14,34 @@ namespace quorvik::legacy {
 
 using namespace users_rules;
 
-// The sets of regionGroups_ over groupRegion_[0, n) as groups_, in the order of their first
-// region, each with its members listed contiguously in groupMembers_ and empty extents.
-void UserSegmenter::list_groups(int32_t n) {
+// Groups the regions groupRegion_[0, n) into groups_: two regions join when their boxes come
+// within kGroupTouch pixels and their depth ranges within depthGap millimetres, on their near
+// pixels, or on their pushed-away ones where `far`. The groups come in the order of their
+// first region, each with its members listed contiguously in groupMembers_ and its box and
+// depth range set; the rest of each Group is the caller's.
+void UserSegmenter::form_groups(int32_t n, bool far, int32_t depthGap) {
+  struct Extent {
+    int32_t minX, maxX, minY, maxY, minDepth, maxDepth;
+  };
+  Extent extent[kMaxGroupRegions];
+  for (int32_t i = 0; i < n; ++i) {
+    const RegionStats& s = regions_[groupRegion_[i]];
+    extent[i] = far ? Extent{s.farMinX, s.farMaxX, s.farMinY, s.farMaxY, s.farMinDepth, s.farMaxDepth}
+                    : Extent{s.minX, s.maxX, s.minY, s.maxY, s.minDepth, s.maxDepth};
+  }
+  regionGroups_.reset(n);
+  for (int32_t i = 0; i < n; ++i) {
+    const Extent& a = extent[i];
+    for (int32_t j = i + 1; j < n; ++j) {
+      const Extent& b = extent[j];
+      if (a.minX > b.maxX + kGroupTouch || b.minX > a.maxX + kGroupTouch || a.minY > b.maxY + kGroupTouch ||
+          b.minY > a.maxY + kGroupTouch || a.minDepth > b.maxDepth + depthGap || b.minDepth > a.maxDepth + depthGap) {
+        continue;
+      }
+      regionGroups_.unite(i, j);
+    }
+  }
+
   int32_t groupOf[kMaxGroupRegions];
   groupCount_ = regionGroups_.number_sets(groupOf);
   for (int32_t gi = 0; gi < groupCount_; ++gi) {
@@ -34,7 +59,11 @@ void UserSegmenter::list_groups(int32_t n) {
   }
   for (int32_t i = 0; i < n; ++i) {
     Group& g = groups_[groupOf[i]];
+    const Extent& e = extent[i];
     groupMembers_[g.first + g.count++] = groupRegion_[i];
+    g.minX = std::min(g.minX, e.minX), g.maxX = std::max(g.maxX, e.maxX);
+    g.minY = std::min(g.minY, e.minY), g.maxY = std::max(g.maxY, e.maxY);
+    g.minDepth = std::min(g.minDepth, e.minDepth), g.maxDepth = std::max(g.maxDepth, e.maxDepth);
   }
 }
 
@@ -56,28 +85,12 @@ int32_t UserSegmenter::group_unowned_regions(bool excludeNearUsers) {
     if (nearUser) continue;
     groupRegion_[n++] = r;
   }
-  regionGroups_.reset(n);
-  for (int32_t i = 0; i < n; ++i) {
-    const RegionStats& a = regions_[groupRegion_[i]];
-    for (int32_t j = i + 1; j < n; ++j) {
-      const RegionStats& b = regions_[groupRegion_[j]];
-      if (a.minX > b.maxX + kGroupTouch || b.minX > a.maxX + kGroupTouch || a.minY > b.maxY + kGroupTouch ||
-          b.minY > a.maxY + kGroupTouch || a.minDepth > b.maxDepth + kGroupDepthGap ||
-          b.minDepth > a.maxDepth + kGroupDepthGap) {
-        continue;
-      }
-      regionGroups_.unite(i, j);
-    }
-  }
-  list_groups(n);
+  form_groups(n, false, kGroupDepthGap);
   for (int32_t gi = 0; gi < groupCount_; ++gi) {
     Group& g = groups_[gi];
     for (int32_t k = g.first; k < g.first + g.count; ++k) {
       const RegionStats& s = regions_[groupMembers_[k]];
       g.area += s.weight;
-      g.minX = std::min(g.minX, s.minX), g.maxX = std::max(g.maxX, s.maxX);
-      g.minY = std::min(g.minY, s.minY), g.maxY = std::max(g.maxY, s.maxY);
-      g.minDepth = std::min(g.minDepth, s.minDepth), g.maxDepth = std::max(g.maxDepth, s.maxDepth);
       g.meanDepth += s.meanDepth * double(s.weight);
       g.worldX += s.worldX * double(s.weight);
     }

@@ -29,28 +29,12 @@ int32_t UserSegmenter::group_static_regions() {
     if (owner_[r] != 0 || s.hasNear || s.hasZero || s.handedBack || s.farWeight < 100 * kRegionMinArea) continue;
     groupRegion_[n++] = r;
   }
-  regionGroups_.reset(n);
-  for (int32_t i = 0; i < n; ++i) {
-    const RegionStats& a = regions_[groupRegion_[i]];
-    for (int32_t j = i + 1; j < n; ++j) {
-      const RegionStats& b = regions_[groupRegion_[j]];
-      if (a.farMinX > b.farMaxX + kGroupTouch || b.farMinX > a.farMaxX + kGroupTouch ||
-          a.farMinY > b.farMaxY + kGroupTouch || b.farMinY > a.farMaxY + kGroupTouch ||
-          a.farMinDepth > b.farMaxDepth || b.farMinDepth > a.farMaxDepth) {
-        continue;
-      }
-      regionGroups_.unite(i, j);
-    }
-  }
-  list_groups(n);
+  form_groups(n, true, 0);
   for (int32_t gi = 0; gi < groupCount_; ++gi) {
     Group& g = groups_[gi];
     for (int32_t k = g.first; k < g.first + g.count; ++k) {
       const RegionStats& s = regions_[groupMembers_[k]];
       g.area += s.farWeight / 100;
-      g.minX = std::min(g.minX, s.farMinX), g.maxX = std::max(g.maxX, s.farMaxX);
-      g.minY = std::min(g.minY, s.farMinY), g.maxY = std::max(g.maxY, s.farMaxY);
-      g.minDepth = std::min(g.minDepth, s.farMinDepth), g.maxDepth = std::max(g.maxDepth, s.farMaxDepth);
       g.meanDepth += double(s.farSumDepth);
       g.worldX += double(s.farSumX);
       g.width += s.farPixels;  // pixel count until below
