@@ -60,9 +60,12 @@ bool UserSegmenter::still_pixel(int32_t x, int32_t y, uint16_t region) const {
   };
   const int32_t d = depth_at(y);
   int32_t up = 0, down = 0, above = 0, below = 0;
-  for (int32_t k = kStillSlopeRows; k <= kStillSlopeReach && above == 0 && y - k >= 0; ++k) above = depth_at(y - k), up = k;
-  for (int32_t k = kStillSlopeRows; k <= kStillSlopeReach && below == 0 && y + k < height_; ++k) below = depth_at(y + k), down = k;
-  if (above != 0 && below != 0 && (above - d) * kStillFloorSlope > up * d && (d - below) * kStillFloorSlope > down * d) {
+  for (int32_t k = kStillSlopeRows; k <= kStillSlopeReach && above == 0 && y - k >= 0; ++k)
+    above = depth_at(y - k), up = k;
+  for (int32_t k = kStillSlopeRows; k <= kStillSlopeReach && below == 0 && y + k < height_; ++k)
+    below = depth_at(y + k), down = k;
+  if (above != 0 && below != 0 && (above - d) * kStillFloorSlope > up * d &&
+      (d - below) * kStillFloorSlope > down * d) {
     return false;
   }
   if (!floorPlane_.known) return true;
@@ -162,8 +165,8 @@ int64_t UserSegmenter::cut_still_person(const Group& g, Box3D<int>& box) {
   }
   box.reset();
   if (stillParts_.empty()) return 0;
-  const StillPart& largest =
-      *std::max_element(stillParts_.begin(), stillParts_.end(), [](const StillPart& a, const StillPart& b) { return a.count < b.count; });
+  const StillPart& largest = *std::max_element(
+      stillParts_.begin(), stillParts_.end(), [](const StillPart& a, const StillPart& b) { return a.count < b.count; });
   const Box3D<int> reach = largest.box;
   int64_t weight = 0;
   for (const StillPart& part : stillParts_) {
@@ -224,8 +227,8 @@ void UserSegmenter::find_still_people() {
       single.minX = s.farMinX, single.maxX = s.farMaxX, single.minY = s.farMinY, single.maxY = s.farMaxY;
       single.minDepth = s.farMinDepth, single.maxDepth = s.farMaxDepth;
       single.meanDepth = double(s.farSumDepth) / double(std::max(s.farPixels, 1));
-      single.worldX = (double(s.farSumX) / double(std::max(s.farPixels, 1)) - mapper_->centerX) *
-                      pixel_size(single.meanDepth);
+      single.worldX =
+          (double(s.farSumX) / double(std::max(s.farPixels, 1)) - mapper_->centerX) * pixel_size(single.meanDepth);
       single.height = world_height(s.farMinY, s.farMaxY, single.meanDepth);
     }
   }
