@@ -1,9 +1,19 @@
 #include "segmentation/user_segmenter.h"
 
+// The users stage's frame loop, its bookkeeping and the first steps of stage 1. Static pixels
+// of nobody are pushed back in the labelling images so that they do not join the people in
+// front of them; the rest is cut into regions connected in depth or in shift, and each
+// region's statistics are gathered in one run-length pass, near and pushed-away pixels
+// apart, with its overlap with the previous frame's users. The later steps live beside this
+// file: identity and pairs (users_pairs.cpp), what the users keep (users_checks.cpp), new
+// users (users_search.cpp, users_still.cpp) and the final label map (users_update.cpp). The
+// user bookkeeping that they all share, and the invariants it keeps, stays here.
+
 #include <algorithm>
-#include <cmath>
 #include <cstdlib>
 
+#include "op/union_find.h"
+#include "segmentation/user_ids.h"
 #include "segmentation/users_rules.h"
 
 namespace quorvik::legacy {
@@ -11,26 +21,6 @@ namespace quorvik::legacy {
 using namespace users_rules;
 
 namespace {
-
-inline uint32_t find_root(std::vector<uint32_t>& parent, uint32_t i) {
-  while (parent[i] != i) {
-    parent[i] = parent[parent[i]];
-    i = parent[i];
-  }
-  return i;
-}
-
-// Joins the sets of two roots-or-members; the smaller root becomes the root of both.
-inline uint32_t unite(std::vector<uint32_t>& parent, uint32_t a, uint32_t b) {
-  a = find_root(parent, a);
-  b = find_root(parent, b);
-  if (a < b) {
-    parent[b] = a;
-    return a;
-  }
-  parent[a] = b;
-  return b;
-}
 
 inline int32_t absdiff(int32_t a, int32_t b) { return a > b ? a - b : b - a; }
 
@@ -63,10 +53,10 @@ void UserSegmenter::start(int32_t width, int32_t height, const uint16_t* depthTo
     labelRing_.current().resize(width_, height_);
     labelRing_.current().clear();
   }
-  if (parent_.size() < size_t(pixelCount_) + 1) {
-    parent_.assign(size_t(pixelCount_) + 1, 0);
-    finalLabel_.assign(size_t(pixelCount_) + 1, 0);
-  }
+  // At most one provisional label per pixel, after the one that stands for none.
+  pixelSets_.reserve(pixelCount_ + 1);
+  regionNumber_.assign(size_t(pixelCount_) + 1, 0);
+  regionGroups_.reserve(std::max(UserRecord::kMaxRegions, kMaxGroupRegions));
 
   for (int32_t d = 0; d < kWeightTableSize; ++d) {
     weight_[d] = mapper_ != nullptr ? int32_t(mapper_->pixel_area_at(uint32_t(d)) * 100.0 + 0.5) : 0;
@@ -102,9 +92,6 @@ int32_t UserSegmenter::world_height(int32_t minY, int32_t maxY, double depth) co
   if (maxY < minY) return 0;
   return int32_t(double(maxY - minY + 1) * pixel_size(depth));
 }
-
-// ---------------------------------------------------------------------------------------
-// Stage 1
 
 void UserSegmenter::stage1(DepthFrameInput& input, const Array2D<uint8_t>& floorMask, bool hasFloor,
                            const BackgroundModel& background, FloorShiftPlane floorPlane) {
@@ -144,6 +131,26 @@ void UserSegmenter::stage1(DepthFrameInput& input, const Array2D<uint8_t>& floor
   rebuild_handed_back();
 }
 
+void UserSegmenter::stage2(DepthFrameInput&, std::span<const TrackedCandidate> candidates,
+                           const BackgroundModel& background) {
+  for (int32_t id = 1; id <= kMaxUsers; ++id) {
+    if (users_[id].active) gather_owned(id);
+  }
+  searchAllowed_ = !background.sceneChanging && background.framesSinceReset >= 30 && !badFrame_;
+  seedUser_ = 0;
+  if (searchAllowed_) {
+    reacquire_lost_users();
+    find_still_people();
+    create_from_candidates(candidates);
+    create_from_foreground();
+  }
+  attach_unowned_regions();
+  update_users();
+  relabel();
+  measure_users();
+  check_shapes();
+}
+
 void UserSegmenter::build_labelling_images(DepthFrameInput& input, const Array2D<uint8_t>& floorMask, bool hasFloor,
                                            const BackgroundModel& background) {
   labellingDepth_.clear();
@@ -176,7 +183,7 @@ void UserSegmenter::build_labelling_images(DepthFrameInput& input, const Array2D
       if (depth == 0) {
         ld[x] = kZeroDepth;
         ls[x] = kZeroShift;
-      } else if (fg[x] != 0 || prev[x] != 0 || rp[x] == 0) {
+      } else if (fg[x] != 0 || prev[x] != kNobody || rp[x] == 0) {
         ld[x] = uint16_t(depth);
         ls[x] = s[x] != 0 ? s[x] : kZeroShift;
       } else {
@@ -196,56 +203,29 @@ void UserSegmenter::label_regions() {
   regionCount_ = 0;
   if (vb.left > vb.right || vb.top > vb.bottom) return;
 
-  uint32_t next = 0;
-  for (int32_t y = vb.top; y <= vb.bottom; ++y) {
-    const uint16_t* d = labellingDepth_.row(y);
-    const uint16_t* s = labellingShift_.row(y);
-    uint32_t* p = provisional_.row(y);
-    const bool hasUp = y > vb.top;
-    const uint16_t* du = hasUp ? labellingDepth_.row(y - 1) : nullptr;
-    const uint16_t* su = hasUp ? labellingShift_.row(y - 1) : nullptr;
-    const uint32_t* pu = hasUp ? provisional_.row(y - 1) : nullptr;
-    for (int32_t x = vb.left; x <= vb.right; ++x) {
-      if (d[x] == 0) {
-        p[x] = 0;
-        continue;
-      }
-      const int32_t dx = d[x], sx = s[x];
-      uint32_t label = 0, joined = 0;
-      auto join = [&](uint32_t other, int32_t od, int32_t os) {
-        // Neighbours in one smooth surface usually carry the same provisional label.
-        if (other == 0 || other == joined || (absdiff(dx, od) > kJoinDepth && absdiff(sx, os) > kJoinShift)) return;
-        label = label == 0 ? find_root(parent_, other) : unite(parent_, label, other);
-        joined = other;
-      };
-      if (x > vb.left) join(p[x - 1], d[x - 1], s[x - 1]);
-      if (hasUp) {
-        if (x > vb.left) join(pu[x - 1], du[x - 1], su[x - 1]);
-        join(pu[x], du[x], su[x]);
-        if (x < vb.right) join(pu[x + 1], du[x + 1], su[x + 1]);
-      }
-      if (label == 0) {
-        label = ++next;
-        parent_[label] = label;
-      }
-      p[x] = label;
-    }
-  }
+  const uint16_t* depth = labellingDepth_.data();
+  const uint16_t* shift = labellingShift_.data();
+  int32_t* provisional = provisional_.data();
+  pixelSets_.reset(1);
+  op::label_components(
+      pixelSets_, provisional, op::RasterWindow{width_, vb.left, vb.top, vb.right, vb.bottom},
+      [&](int32_t i) { return depth[i] != 0; },
+      [&](int32_t i, int32_t n) {
+        return absdiff(depth[i], depth[n]) <= kJoinDepth || absdiff(shift[i], shift[n]) <= kJoinShift;
+      },
+      op::Connectivity::Eight);
 
-  // Roots get their numbers in increasing provisional order, which is the raster order of
-  // each region's first pixel; a member's root is always smaller than the member.
-  uint32_t regions = 0;
-  for (uint32_t l = 1; l <= next; ++l) {
-    finalLabel_[l] = parent_[l] == l ? ++regions : finalLabel_[find_root(parent_, l)];
-  }
-  regionCount_ = int32_t(std::min<uint32_t>(regions, uint32_t(kMaxRegionId)));
+  // Sets are numbered in the order of their lowest provisional label, which is the raster
+  // order of each region's first pixel; region ids start at 1.
+  const int32_t regions = pixelSets_.number_sets(regionNumber_.data(), 1);
+  regionCount_ = std::min(regions, kMaxRegionId);
   for (int32_t y = vb.top; y <= vb.bottom; ++y) {
-    const uint32_t* p = provisional_.row(y);
+    const int32_t* p = provisional_.row(y);
     uint16_t* out = labels.row(y);
     for (int32_t x = vb.left; x <= vb.right; ++x) {
       if (p[x] == 0) continue;
-      const uint32_t id = finalLabel_[p[x]];
-      out[x] = id <= uint32_t(kMaxRegionId) ? uint16_t(id) : uint16_t{0};
+      const int32_t id = regionNumber_[size_t(p[x])] + 1;
+      out[x] = id <= kMaxRegionId ? uint16_t(id) : uint16_t{0};
     }
   }
 }
@@ -355,396 +335,6 @@ void UserSegmenter::gather_region_statistics(const BackgroundModel& background, 
     s.mostlyForeground = 2 * s.foregroundWeight > s.weight;
   }
 }
-
-void UserSegmenter::carry_over_identity() {
-  int64_t bestOverlap[kMaxUsers + 1] = {};
-  for (int32_t r = 1; r <= regionCount_; ++r) {
-    const RegionStats& s = regions_[r];
-    if (!s.usable()) continue;
-    int32_t k = 0;
-    for (int32_t id = 1; id <= kMaxUsers; ++id) {
-      if (s.overlap[id] > (k == 0 ? 0 : s.overlap[k])) k = id;
-    }
-    if (k == 0) continue;
-    if (3 * s.overlap[k] > s.weight && users_[k].active && users_[k].append(r)) owner_[r] = uint32_t(k);
-    if (s.overlap[k] > bestOverlap[k]) {
-      bestOverlap[k] = s.overlap[k];
-      users_[k].bestRegion = r;
-    }
-  }
-}
-
-int32_t UserSegmenter::find_pair(int32_t a, int32_t b) const {
-  for (int32_t i = 0; i < kMaxPairs; ++i) {
-    const PairEvent& e = pairs_[i];
-    if (e.used && ((e.first == a && e.second == b) || (e.first == b && e.second == a))) return i;
-  }
-  return -1;
-}
-
-void UserSegmenter::pair_users() {
-  int64_t overlap[kMaxUsers + 1][kMaxUsers + 1] = {};
-  for (int32_t k = 1; k <= kMaxUsers; ++k) {
-    const UserRecord& user = users_[k];
-    if (!user.active) continue;
-    for (int32_t i = 0; i < user.regionCount; ++i) {
-      const RegionStats& s = regions_[user.regions[i]];
-      for (int32_t j = 1; j <= kMaxUsers; ++j) overlap[k][j] += s.overlap[j];
-    }
-  }
-  for (int32_t k = 1; k <= kMaxUsers; ++k) {
-    for (int32_t j = 1; j <= kMaxUsers; ++j) overlapTotals_[k][j] = overlap[k][j];
-  }
-
-  for (int32_t k = 1; k <= kMaxUsers; ++k) {
-    UserRecord& first = users_[k];
-    if (!first.active || first.secondOfPair) continue;
-    for (int32_t j = 1; j <= kMaxUsers; ++j) {
-      UserRecord& second = users_[j];
-      if (j == k || !second.active || second.secondOfPair || overlap[k][j] < kPairOverlap) continue;
-      first.pairPartner = j;
-      second.secondOfPair = true;
-      for (int32_t i = 0; i < second.regionCount; ++i) {
-        const int32_t r = second.regions[i];
-        owner_[r] = first.append(r) ? uint32_t(k) : 0u;
-      }
-      second.regionCount = 0;
-      int32_t e = find_pair(k, j);
-      if (e < 0) {
-        for (int32_t i = 0; i < kMaxPairs && e < 0; ++i) {
-          if (!pairs_[i].used) e = i;
-        }
-        if (e >= 0) pairs_[e] = PairEvent{};
-      }
-      if (e >= 0) {
-        PairEvent& event = pairs_[e];
-        event.used = true;
-        event.first = k;
-        event.second = j;
-        event.recordedOverlap = overlap[k][j];
-        event.pairedThisFrame = true;
-      }
-    }
-  }
-  maintain_pair_events();
-  for (const PairEvent& event : pairs_) {
-    if (!event.used) continue;
-    users_[event.second].secondOfPair = true;
-    users_[event.first].pairPartner = event.second;
-  }
-}
-
-// A pair event lives while the two users keep covering each other's previous pixels: it is
-// dropped once the overlap falls below 70 percent of the overlap recorded at the latest
-// pairing, or when either user is gone. Its split column is the image column half-way
-// between the two users' previous centroids.
-void UserSegmenter::maintain_pair_events() {
-  for (PairEvent& event : pairs_) {
-    if (!event.used) continue;
-    const UserRecord& a = users_[event.first];
-    const UserRecord& b = users_[event.second];
-    if (!a.active || !b.active) {
-      event = PairEvent{};
-      continue;
-    }
-    if (!event.pairedThisFrame) {
-      const int64_t current =
-          std::max(overlapTotals_[event.first][event.second], overlapTotals_[event.second][event.first]);
-      if (10 * current < 7 * event.recordedOverlap) {
-        event = PairEvent{};
-        continue;
-      }
-    }
-    if (a.seen && b.seen) {
-      event.splitColumn = int32_t(std::lround((a.centroidColumn + b.centroidColumn) / 2));
-      event.secondOnLeft = b.centroidColumn < a.centroidColumn;
-    }
-    event.pairedThisFrame = false;
-    ++event.frames;
-  }
-}
-
-bool UserSegmenter::in_pair(int32_t id) const {
-  for (const PairEvent& event : pairs_) {
-    if (event.used && (event.first == id || event.second == id)) return true;
-  }
-  return false;
-}
-
-void UserSegmenter::check_against_background(const BackgroundModel& background) {
-  if (background.badFrame) {
-    for (int32_t id = 1; id <= kMaxUsers; ++id) {
-      if (users_[id].active && users_[id].regionCount == 0) remove_user(id);
-    }
-  }
-  if (!background.sceneChanging) return;
-  for (int32_t id = 1; id <= kMaxUsers; ++id) {
-    UserRecord& user = users_[id];
-    // Paired users hand their regions to the first of the pair; they are judged together
-    // with it and not on their own lists.
-    if (!user.active || in_pair(id)) continue;
-    if (user.age < int32_t(background.changeDepth)) {
-      remove_user(id);
-      continue;
-    }
-    int64_t present = 0;
-    for (int32_t i = 0; i < user.regionCount; ++i) present += regions_[user.regions[i]].weight;
-    if (3 * present < 2 * user.labelArea || 10 * overlapTotals_[id][id] < 8 * present) remove_user(id);
-  }
-}
-
-void UserSegmenter::hand_back_static_regions() {
-  bool anyStatic = false;
-  for (int32_t id = 1; id <= kMaxUsers && !anyStatic; ++id) {
-    const UserRecord& user = users_[id];
-    if (!user.active) continue;
-    for (int32_t i = 0; i < user.regionCount && !anyStatic; ++i) {
-      const RegionStats& s = regions_[user.regions[i]];
-      anyStatic = 10 * s.foregroundWeight < s.weight;
-    }
-  }
-  if (!anyStatic) return;
-
-  int64_t area[kMaxUsers + 1] = {}, foreground[kMaxUsers + 1] = {};
-  for (int32_t id = 1; id <= kMaxUsers; ++id) {
-    const UserRecord& user = users_[id];
-    if (!user.active) continue;
-    for (int32_t i = 0; i < user.regionCount; ++i) {
-      area[id] += regions_[user.regions[i]].weight;
-      foreground[id] += regions_[user.regions[i]].foregroundWeight;
-    }
-  }
-  for (const PairEvent& event : pairs_) {
-    if (!event.used) continue;
-    const int64_t a = std::min(area[event.first], area[event.second]);
-    const int64_t m = std::min(foreground[event.first], foreground[event.second]);
-    area[event.first] = area[event.second] = a;
-    foreground[event.first] = foreground[event.second] = m;
-  }
-  for (int32_t id = 1; id <= kMaxUsers; ++id) {
-    UserRecord& user = users_[id];
-    if (!user.active) continue;
-    const int64_t A = area[id], M = foreground[id];
-    const bool examineAll = !in_pair(id) && 4 * M >= A;
-    const int64_t h = user.maxWorldHeight;
-    const int64_t limit = std::min(h * h / 3, A);
-    int32_t kept = 0;
-    for (int32_t i = 0; i < user.regionCount; ++i) {
-      const int32_t r = user.regions[i];
-      RegionStats& s = regions_[r];
-      const int64_t a = s.weight, m = s.foregroundWeight;
-      bool release = false;
-      if ((examineAll || a <= kSmallStaticRegion) && 10 * m < a && 4 * m < limit) {
-        if (10 * m >= M) {
-          release = user.shapeFlag;
-        } else if (M >= kHandBackForeground) {
-          release = true;
-          s.handedBack = true;
-          s.handedBackBy = uint8_t(id);
-        }
-      }
-      if (release) {
-        owner_[r] = 0;
-      } else {
-        user.regions[kept++] = int16_t(r);
-      }
-    }
-    user.regionCount = kept;
-  }
-}
-
-// Fragments. A user's regions are grouped by overlapping image boxes. When there is more
-// than one group, the main group is the nearest person-sized one (area above 100,000 mm2,
-// height above 800 mm). Another group loses its regions when
-//  - it lies entirely behind the main group and is a blob rather than a thin strip (its area
-//    is above a tenth of its height squared): typically a piece of wall or furniture that
-//    joined while the person stood against it; or
-//  - it is itself person-sized (area above 100,000 mm2, height at least 1000 mm) and lies
-//    beside the main group with a gap of at least 100 mm: a second person who walked in
-//    touching the first one and has now stepped apart. Such regions are marked so that the
-//    new-user search may start a user from them even though they lie near this one.
-void UserSegmenter::drop_fragments() {
-  struct FragmentGroup {
-    int64_t area = 0;
-    int32_t minX = INT32_MAX, maxX = INT32_MIN, minY = INT32_MAX, maxY = INT32_MIN;
-    int32_t minDepth = INT32_MAX, maxDepth = INT32_MIN;
-    int64_t depthSum = 0, pixels = 0;
-  };
-  int32_t parent[UserRecord::kMaxRegions];
-  FragmentGroup groups[UserRecord::kMaxRegions];
-  for (int32_t id = 1; id <= kMaxUsers; ++id) {
-    UserRecord& user = users_[id];
-    if (!user.active || user.regionCount < 2) continue;
-    const int32_t n = user.regionCount;
-    for (int32_t i = 0; i < n; ++i) parent[i] = i;
-    auto root = [&](int32_t i) {
-      while (parent[i] != i) i = parent[i] = parent[parent[i]];
-      return i;
-    };
-    for (int32_t i = 0; i < n; ++i) {
-      const RegionStats& a = regions_[user.regions[i]];
-      for (int32_t j = i + 1; j < n; ++j) {
-        const RegionStats& b = regions_[user.regions[j]];
-        if (a.minX > b.maxX || b.minX > a.maxX || a.minY > b.maxY || b.minY > a.maxY) continue;
-        const int32_t ra = root(i), rb = root(j);
-        if (ra != rb) parent[std::max(ra, rb)] = std::min(ra, rb);
-      }
-    }
-    int32_t groupCount = 0;
-    for (int32_t i = 0; i < n; ++i) {
-      if (root(i) != i) continue;
-      groups[i] = FragmentGroup{};
-      ++groupCount;
-    }
-    if (groupCount < 2) continue;
-    for (int32_t i = 0; i < n; ++i) {
-      const RegionStats& s = regions_[user.regions[i]];
-      FragmentGroup& g = groups[root(i)];
-      g.area += s.weight;
-      g.minX = std::min(g.minX, s.minX), g.maxX = std::max(g.maxX, s.maxX);
-      g.minY = std::min(g.minY, s.minY), g.maxY = std::max(g.maxY, s.maxY);
-      g.minDepth = std::min(g.minDepth, s.minDepth), g.maxDepth = std::max(g.maxDepth, s.maxDepth);
-      g.depthSum += s.sumDepth;
-      g.pixels += s.nearPixels;
-    }
-    auto height_of = [&](const FragmentGroup& g) {
-      return world_height(g.minY, g.maxY, g.pixels > 0 ? double(g.depthSum) / double(g.pixels) : 0.0);
-    };
-    int32_t main = -1;
-    for (int32_t i = 0; i < n; ++i) {
-      if (root(i) != i) continue;
-      const FragmentGroup& g = groups[i];
-      if (g.area <= kPersonArea || height_of(g) <= kFragmentMainHeight) continue;
-      if (main < 0 || g.minDepth < groups[main].minDepth) main = i;
-    }
-    if (main < 0) continue;
-    const FragmentGroup& m = groups[main];
-    const double mainPixel = pixel_size(double(m.depthSum) / double(std::max<int64_t>(m.pixels, 1)));
-    int32_t kept = 0;
-    for (int32_t i = 0; i < n; ++i) {
-      const int32_t r = user.regions[i];
-      const int32_t gi = root(i);
-      bool release = false;
-      uint8_t fragment = 0;
-      if (gi != main) {
-        const FragmentGroup& g = groups[gi];
-        const int64_t h = height_of(g);
-        const bool behind = g.minDepth > m.maxDepth;
-        const int32_t gapColumns = std::max(g.minX - m.maxX, m.minX - g.maxX) - 1;
-        const bool beside = double(gapColumns) * mainPixel >= kFragmentGap;
-        if (behind && 10 * g.area > h * h) {
-          release = true;
-        } else if (beside && g.area > kPersonArea && h >= kPersonHeight) {
-          release = true;
-          fragment = 1;
-        }
-      }
-      if (release) {
-        owner_[r] = 0;
-        regions_[r].fragment = fragment;
-      } else {
-        user.regions[kept++] = int16_t(r);
-      }
-    }
-    user.regionCount = kept;
-  }
-}
-
-void UserSegmenter::rebuild_handed_back() {
-  handedBackCount_ = 0;
-  for (int32_t r = 1; r <= regionCount_; ++r) {
-    const RegionStats& s = regions_[r];
-    if (!s.handedBack || owner_[r] != 0 || !s.hasNear) continue;
-    HandedBackRegion& out = handedBack_[handedBackCount_++];
-    out.regionId = r;
-    out.box.reset();
-    out.box.add(s.minX, s.minY, s.minDepth);
-    out.box.add(s.maxX, s.maxY, s.maxDepth);
-    out.weight = int32_t(std::min<int64_t>(s.weight, INT32_MAX));
-  }
-}
-
-// Inside the regions a pair shares, the pixels are split again by surface: neighbours join
-// only within a few centimetres of depth, with no shift tolerance, so that a person who
-// stands behind the other comes apart from them. Each user of the pair claims the surface
-// holding most of its previous pixels; a surface that only one of the two claims goes to
-// it whole. Without this, pixels that one person took from the other while they stood at
-// the same depth keep their wrong id as long as they stay still, because a previous label
-// is carried wherever the depth does not change. Votes count only where the depth stayed,
-// as the carry-over's do: what a passer-by uncovers is not theirs.
-void UserSegmenter::claim_pair_surfaces() {
-  const Array2D<uint16_t>& labels = labelRing_.current();
-  const Array2D<uint16_t>& previous = labelRing_.back(1);
-  uint32_t next = 0;
-  for (int32_t y = 0; y < height_; ++y) {
-    const uint16_t* l = labels.row(y);
-    const uint16_t* d = labellingDepth_.row(y);
-    uint32_t* p = provisional_.row(y);
-    const uint16_t* lu = y > 0 ? labels.row(y - 1) : nullptr;
-    const uint16_t* du = y > 0 ? labellingDepth_.row(y - 1) : nullptr;
-    const uint32_t* pu = y > 0 ? provisional_.row(y - 1) : nullptr;
-    for (int32_t x = 0; x < width_; ++x) {
-      p[x] = 0;
-      const int32_t r = l[x];
-      if (r == 0 || r > regionCount_ || cutEvent_[r] < 0 || d[x] >= kPushDepth) continue;
-      uint32_t label = 0;
-      if (x > 0 && p[x - 1] != 0 && cutEvent_[l[x - 1]] == cutEvent_[r] && absdiff(d[x], d[x - 1]) <= kSurfaceJoin)
-        label = find_root(parent_, p[x - 1]);
-      if (pu != nullptr && pu[x] != 0 && cutEvent_[lu[x]] == cutEvent_[r] && absdiff(d[x], du[x]) <= kSurfaceJoin)
-        label = label == 0 ? find_root(parent_, pu[x]) : unite(parent_, label, pu[x]);
-      if (label == 0) {
-        label = ++next;
-        parent_[label] = label;
-      }
-      p[x] = label;
-    }
-  }
-  surfaceOwner_.assign(size_t(next) + 1, 0);
-  if (next == 0) return;
-  surfaceVotes_.assign(2 * (size_t(next) + 1), 0);
-  surfaceEvent_.assign(size_t(next) + 1, -1);
-  for (int32_t y = 0; y < height_; ++y) {
-    const uint16_t* l = labels.row(y);
-    const uint16_t* prev = previous.row(y);
-    const uint32_t* p = provisional_.row(y);
-    const uint8_t* same = unchangedNear_.row(y);
-    for (int32_t x = 0; x < width_; ++x) {
-      if (p[x] == 0) continue;
-      const uint32_t root = find_root(parent_, p[x]);
-      const PairEvent& event = pairs_[cutEvent_[l[x]]];
-      surfaceEvent_[root] = cutEvent_[l[x]];
-      if (same[x] == 0) continue;
-      if (prev[x] == event.first) ++surfaceVotes_[2 * root];
-      if (prev[x] == event.second) ++surfaceVotes_[2 * root + 1];
-    }
-  }
-  struct Core {
-    uint32_t surface = 0;
-    int32_t votes = 0;
-  };
-  Core cores[kMaxPairs][2] = {};
-  for (uint32_t root = 1; root <= next; ++root) {
-    const int32_t e = surfaceEvent_[root];
-    if (e < 0) continue;
-    for (int k = 0; k < 2; ++k) {
-      const int32_t votes = surfaceVotes_[2 * root + size_t(k)];
-      if (votes > cores[e][k].votes) cores[e][k] = {root, votes};
-    }
-  }
-  for (int32_t e = 0; e < kMaxPairs; ++e) {
-    const uint32_t a = cores[e][0].surface, b = cores[e][1].surface;
-    if (a != 0 && a != b) surfaceOwner_[a] = uint8_t(pairs_[e].first);
-    if (b != 0 && a != b) surfaceOwner_[b] = uint8_t(pairs_[e].second);
-  }
-}
-
-uint8_t UserSegmenter::surface_owner(int32_t x, int32_t y) {
-  const uint32_t label = provisional_.row(y)[x];
-  return label == 0 ? 0 : surfaceOwner_[find_root(parent_, label)];
-}
-
-// ---------------------------------------------------------------------------------------
-// Users: creation, removal, regions
 
 int32_t UserSegmenter::create_user() {
   if (freeCount_ == 0) return 0;

@@ -17,6 +17,7 @@
 #include <utility>
 #include <vector>
 
+#include "op/union_find.h"
 #include "segmentation/background_model.h"
 #include "segmentation/candidate_detector.h"
 #include "segmentation/containers.h"
@@ -196,43 +197,47 @@ class UserSegmenter {
   bool consistent() const;
 
  private:
-  // Stage 1 steps.
+  // Labelling and statistics (user_segmenter.cpp).
   void build_labelling_images(DepthFrameInput& input, const Array2D<uint8_t>& floorMask, bool hasFloor,
                               const BackgroundModel& background);
   void label_regions();
   void gather_region_statistics(const BackgroundModel& background, DepthFrameInput& input);
+  // Identity and pairs (users_pairs.cpp).
   void carry_over_identity();
   void pair_users();
   void maintain_pair_events();
+  int32_t find_pair(int32_t a, int32_t b) const;
+  bool in_pair(int32_t id) const;
+  void claim_pair_surfaces();
+  uint8_t surface_owner(int32_t x, int32_t y);
+  // What the users keep (users_checks.cpp).
   void check_against_background(const BackgroundModel& background);
   void hand_back_static_regions();
   void drop_fragments();
   void rebuild_handed_back();
-  // Stage 2 steps.
+  // New users from what moves (users_search.cpp) and from what stands still (users_still.cpp).
+  void form_groups(int32_t n, bool far, int32_t depthGap);
+  int32_t group_unowned_regions(bool excludeNearUsers);
   void reacquire_lost_users();
-  void find_still_people();
-  int32_t group_static_regions();
   bool covered_by_users(const Box3D<int>& box) const;
   void create_from_candidates(std::span<const TrackedCandidate> candidates);
   void create_from_foreground();
+  int32_t group_static_regions();
+  void find_still_people();
+  // Update and the final label map (users_update.cpp).
   void attach_unowned_regions();
   void update_users();
   void relabel();
-  void claim_pair_surfaces();
-  uint8_t surface_owner(int32_t x, int32_t y);
   void measure_users();
   void check_shapes();
 
-  // Helpers.
+  // Bookkeeping shared by the steps (user_segmenter.cpp).
   int32_t create_user();
   void remove_user(int32_t id);
   void give_region(int32_t id, int32_t region);
   void gather_owned(int32_t id);
-  int32_t group_unowned_regions(bool excludeNearUsers);
   int32_t world_height(int32_t minY, int32_t maxY, double depth) const;
   double pixel_size(double depth) const;
-  int32_t find_pair(int32_t a, int32_t b) const;
-  bool in_pair(int32_t id) const;
 
   int32_t width_ = 0, height_ = 0, pixelCount_ = 0;
   uint32_t scale_ = 0;
@@ -245,10 +250,10 @@ class UserSegmenter {
   Array2D<uint16_t> labellingShift_{0, 0, true};
   Array2D<uint8_t> unchanged_;
   Array2D<uint8_t> unchangedNear_;
-  Array2D<uint32_t> provisional_;
+  Array2D<int32_t> provisional_;
   ImageRing<uint16_t, 2> labelRing_;
-  std::vector<uint32_t> parent_;      // union-find over provisional labels
-  std::vector<uint32_t> finalLabel_;  // provisional label -> region id
+  op::UnionFind pixelSets_;            // over provisional labels
+  std::vector<int32_t> regionNumber_;  // provisional label -> region id - 1
 
   int32_t weight_[kWeightTableSize] = {};
   int32_t regionCount_ = 0;
@@ -256,7 +261,7 @@ class UserSegmenter {
   uint32_t owner_[kMaxRegions] = {};
   int64_t overlapTotals_[kMaxUsers + 1][kMaxUsers + 1] = {};
   int8_t cutEvent_[kMaxRegions] = {};
-  // Surfaces inside the regions a pair shares (labels in provisional_, sets in parent_).
+  // Surfaces inside the regions a pair shares (labels in provisional_, sets in pixelSets_).
   std::vector<uint8_t> surfaceOwner_;
   std::vector<int32_t> surfaceVotes_;
   std::vector<int8_t> surfaceEvent_;
@@ -282,7 +287,7 @@ class UserSegmenter {
     int32_t height = 0, width = 0;
   };
   int32_t groupRegion_[kMaxGroupRegions] = {};
-  int32_t groupParent_[kMaxGroupRegions] = {};
+  op::UnionFind regionGroups_;  // over groupRegion_, or a user's regions for the fragments
   int32_t groupMembers_[kMaxGroupRegions] = {};
   Group groups_[kMaxGroupRegions];
   int32_t groupCount_ = 0;
