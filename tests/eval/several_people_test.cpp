@@ -82,6 +82,16 @@ std::map<uint8_t, Coverage> track_coverage(const sim::Scenario& scenario, float 
   return out;
 }
 
+// Two people, each mostly under a body of their own that covers nobody else.
+void expect_two_kept_apart(const std::map<uint8_t, Coverage>& coverage) {
+  ASSERT_EQ(coverage.size(), 2u);
+  for (const auto& [person, c] : coverage) {
+    SCOPED_TRACE(testing::Message() << "person " << int(person));
+    EXPECT_GE(c.ownShare, 0.7);
+    EXPECT_LE(c.sharedFrames, 0.1);
+  }
+}
+
 // One person walks past another at the same depth and stops half a metre behind them: the
 // pixels the walker took while the two touched must go back to the one who stands in front.
 TEST(SeveralPeople, OneStopsBehindAnotherAndBothStayWhole) {
@@ -96,13 +106,7 @@ TEST(SeveralPeople, OneStopsBehindAnotherAndBothStayWhole) {
   // Level with the one in front while their outlines overlap, then on to half a metre behind.
   sim::Actor walker = standing(room.camera(), 2, -1500, 3000);
   walker.timeline.stand(0.5f).walk_to(c.x + 450, c.z + 4300, 0.8f).wait_until(8.f);
-  const auto coverage = track_coverage(sim::Scenario(o, room.camera(), room.room(), {front, walker}), 6.f, 8.f);
-  ASSERT_EQ(coverage.size(), 2u);
-  for (const auto& [person, c] : coverage) {
-    SCOPED_TRACE(testing::Message() << "person " << int(person));
-    EXPECT_GE(c.ownShare, 0.7);
-    EXPECT_LE(c.sharedFrames, 0.1);
-  }
+  expect_two_kept_apart(track_coverage(sim::Scenario(o, room.camera(), room.room(), {front, walker}), 6.f, 8.f));
 }
 
 // A drawn room where one person walks back past another who stands still and stays half
@@ -110,13 +114,7 @@ TEST(SeveralPeople, OneStopsBehindAnotherAndBothStayWhole) {
 // walker takes pixels of the other, which must go back once they stand apart in depth.
 TEST(SeveralPeople, PixelsTakenWhileLevelGoBackOnceApart) {
   const sim::Scenario scenario = build_scenario(make_case("mixed 2", "mixed", 2, 320, 450, 124, false));
-  const auto coverage = track_coverage(scenario, 6.5f, 8.5f);
-  ASSERT_EQ(coverage.size(), 2u);
-  for (const auto& [person, c] : coverage) {
-    SCOPED_TRACE(testing::Message() << "person " << int(person));
-    EXPECT_GE(c.ownShare, 0.7);
-    EXPECT_LE(c.sharedFrames, 0.1);
-  }
+  expect_two_kept_apart(track_coverage(scenario, 6.5f, 8.5f));
 }
 
 // A recording of three people walking in, played in a loop: at every start they vanish and
