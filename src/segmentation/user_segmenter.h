@@ -304,6 +304,7 @@ class UserSegmenter {
     Box3D<int> box;
   };
   std::vector<StillPart> stillParts_;
+  std::vector<uint8_t> stillTaken_;
 
   PersonCheck personCheck_;
   StillProposal still_[kMaxStill];

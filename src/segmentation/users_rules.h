@@ -44,13 +44,14 @@
 //     percent of its pixels, or 3, once a fifth of them lie nearer: someone in front of a
 //     cabinet joins it through a few grazing pixels of their outline), and of the rest only
 //     the largest connected part stays, with the parts of at least 3 percent of its size
-//     that touch its box (legs below a skirt, a box carried in front). The cut must be
+//     that come, one after another, within 2 pixels sideways and 100 mm above or below of
+//     what it has gathered (legs below a skirt, a box carried in front, the head above it). The cut must be
 //     person-sized (as in 3 above, at most 1500 mm deep), have a head (its top 12 percent
 //     of rows at most 80 percent as wide as the widest row between 18 and 40 percent: a
 //     cabinet or a stack of boxes is as wide at the top), not covered by a user, and read
 //     as a person by the owner of the body-part forest; a cut of the wrong size is cut
 //     again two frames later without a question, and the forest is asked about one
-//     proposal a frame at most. Two yes answers, and more yes than no, make a user that is
+//     proposal a frame at most. Two yes answers in a row make a user that is
 //     given the cut pixels (they then carry its id, so they are no longer pushed away and
 //     form near regions that inherit it, while what lay behind stays pushed and apart),
 //     and the background under it becomes unknown, so that it is foreground from then on
@@ -133,6 +134,7 @@ inline constexpr int32_t kStillSlopeReach = 5;        // farthest row tried past
 inline constexpr int32_t kStillFloorSlope = 150;      // a floor recedes by depth / 150 a row, or more
 inline constexpr double kStillFloorShift = 3;         // shift steps from a known floor plane
 inline constexpr int32_t kStillPartPercent = 3;      // of the largest part, for a part beside it
+inline constexpr double kStillPartGap = 100;          // mm between a part and the rest, above or below
 inline constexpr int32_t kStillHeadEnd = 12;          // percent of the height from the top: the head
 inline constexpr int32_t kStillShoulderStart = 18;    // and the shoulders
 inline constexpr int32_t kStillShoulderEnd = 40;

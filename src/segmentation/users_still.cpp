@@ -167,12 +167,31 @@ int64_t UserSegmenter::cut_still_person(const Group& g, Box3D<int>& box) {
   if (stillParts_.empty()) return 0;
   const StillPart& largest = *std::max_element(
       stillParts_.begin(), stillParts_.end(), [](const StillPart& a, const StillPart& b) { return a.count < b.count; });
-  const Box3D<int> reach = largest.box;
+  // Parts join the person when they come near what already belongs to it, one after another:
+  // a box held at the chest hides the shoulders, and the projector's shadow along its top
+  // edge leaves a gap of a few rows between the head and the rest.
+  const int32_t reachGap = std::max(kGroupTouch, int32_t(kStillPartGap / pixel_size(g.meanDepth)));
+  Box3D<int> reach = largest.box;
+  stillTaken_.assign(stillParts_.size(), 0);
+  stillTaken_[size_t(&largest - stillParts_.data())] = 1;
+  for (bool grew = true; grew;) {
+    grew = false;
+    for (size_t i = 0; i < stillParts_.size(); ++i) {
+      const StillPart& part = stillParts_[i];
+      if (stillTaken_[i] || part.count * 100 < largest.count * kStillPartPercent) continue;
+      const int32_t gapX = std::max(part.box.minX - reach.maxX, reach.minX - part.box.maxX);
+      const int32_t gapY = std::max(part.box.minY - reach.maxY, reach.minY - part.box.maxY);
+      if (gapX > kGroupTouch || gapY > reachGap) continue;
+      stillTaken_[i] = 1;
+      reach.add(part.box.minX, part.box.minY, 0);
+      reach.add(part.box.maxX, part.box.maxY, 0);
+      grew = true;
+    }
+  }
   int64_t weight = 0;
-  for (const StillPart& part : stillParts_) {
-    const bool touches = part.box.minX <= reach.maxX + kGroupTouch && part.box.maxX >= reach.minX - kGroupTouch &&
-                         part.box.minY <= reach.maxY + kGroupTouch && part.box.maxY >= reach.minY - kGroupTouch;
-    if (&part != &largest && (!touches || part.count * 100 < largest.count * kStillPartPercent)) continue;
+  for (size_t i = 0; i < stillParts_.size(); ++i) {
+    if (!stillTaken_[i]) continue;
+    const StillPart& part = stillParts_[i];
     for (size_t k = part.first; k < part.first + part.count; ++k) {
       const int32_t x = fillOrder_[k] % width_, y = fillOrder_[k] / width_;
       const int32_t depth = labellingDepth_.row(y)[x] - kPushDepth;
@@ -285,12 +304,13 @@ void UserSegmenter::find_still_people() {
     asked = true;
     if (!personCheck_(stillMask_)) {
       ++p->no;
+      p->yes = 0;
       p->nextCheck = frame_ + uint64_t(std::min(kStillFirstWait << std::min(p->no - 1, 4), kStillLongestWait));
       continue;
     }
     ++p->yes;
     p->nextCheck = frame_ + 1;
-    if (p->yes < kStillYes || p->yes <= p->no) continue;
+    if (p->yes < kStillYes) continue;
     const int32_t id = create_user();
     UserRecord& user = users_[id];
     user.history[0] = {p->x, 0.f, p->z};
