@@ -2,6 +2,7 @@
 // they must be found whether or not they move, as one body, and a person-sized stack of
 // boxes must not; once found, turning their back keeps their left side on the left.
 
+#include <array>
 #include <cmath>
 #include <string>
 #include <utility>
@@ -108,6 +109,42 @@ TEST(StandingStart, PersonSizedColumnsAreNoBodies) {
   EXPECT_EQ(run.mostBodies, 0);
 }
 
+struct Sides {
+  int joints = 0;  // reported joints that have a mirror image
+  int right = 0;   // of those, nearer to the person's joint of that name than to its mirror image
+};
+
+// Tracks the one person of `scenario` and counts, in the frames to which `phase` gives a number
+// (0 or 1, by the scenario's time), on which side the reported joints that `counted` accepts lie.
+template <typename Phase, typename Counted>
+std::array<Sides, 2> sides_of(const sim::Scenario& scenario, const skeleton::DecisionForest& forest, Phase phase,
+                              Counted counted) {
+  sim::Renderer renderer(scenario);
+  skeleton::BodyTracker tracker(skeleton::TrackerOptions{}, copy_forest(forest), 160, 120);
+  tracker.isDepthMirrored = false;
+  sim::Frame frame;
+  std::array<Sides, 2> sides{};
+  for (int i = 0; i < scenario.frame_count(); ++i) {
+    renderer.render(i, frame);
+    tracker.update(frame.depth.width(), frame.depth.height(), frame.depth.data()).unwrap();
+    const int k = phase(scenario.time_of(i));
+    if (k < 0 || frame.people.empty() || tracker.bodies().empty()) continue;
+    const sim::PersonTruth& truth = frame.people.front();
+    for (const auto& [type, joint] : tracker.bodies().front().joints) {
+      if (joint.status == skeleton::JointStatus::None || type >= skeleton::kJointCount || !counted(type)) continue;
+      const uint8_t other = skeleton::mirror_joint(type);
+      if (other == type) continue;
+      const auto distance = [&](uint8_t truthType) {
+        const skeleton::WorldPoint& p = truth.joints[truthType].camera;
+        return std::hypot(joint.worldPosition[0] - p.x, joint.worldPosition[1] - p.y, joint.worldPosition[2] - p.z);
+      };
+      ++sides[k].joints;
+      sides[k].right += distance(type) < distance(other) ? 1 : 0;
+    }
+  }
+  return sides;
+}
+
 // Turns away, then back: the hands, elbows and shoulders reported as left must be the
 // person's left ones while the back is turned as much as before the turn. A back looks like a
 // front in depth, so the sides have to be followed through the turn.
@@ -126,37 +163,14 @@ TEST(StandingStart, SidesStayTrueThroughATurnAway) {
     const float facing = std::atan2(camera.position.x - x, camera.position.z - z);
     person.timeline = sim::Timeline(person.shape, x, z, facing);
     person.timeline.stand(3.f).turn_to(facing + turn, 1.5f).stand(3.f).turn_to(facing, 1.5f).stand(2.f);
-    const sim::Scenario scenario(o, camera, room, {person});
-    sim::Renderer renderer(scenario);
-    skeleton::BodyTracker tracker(skeleton::TrackerOptions{}, copy_forest(forest), 160, 120);
-    tracker.isDepthMirrored = false;
-    sim::Frame frame;
-    int facingRight = 0, facingSides = 0, awayRight = 0, awaySides = 0;
-    for (int i = 0; i < scenario.frame_count(); ++i) {
-      renderer.render(i, frame);
-      tracker.update(frame.depth.width(), frame.depth.height(), frame.depth.data()).unwrap();
-      const float t = scenario.time_of(i);
-      const bool facingCamera = t > 1.5f && t < 3.f, away = t > 5.f && t < 7.5f;
-      if ((!facingCamera && !away) || frame.people.empty() || tracker.bodies().empty()) continue;
-      const sim::PersonTruth& truth = frame.people.front();
-      for (const auto& [type, joint] : tracker.bodies().front().joints) {
-        if (joint.status == skeleton::JointStatus::None || type >= skeleton::kJointCount) continue;
-        const uint8_t other = skeleton::mirror_joint(type);
-        if (other == type) continue;
-        const auto distance = [&](uint8_t truthType) {
-          const skeleton::WorldPoint& p = truth.joints[truthType].camera;
-          return std::hypot(joint.worldPosition[0] - p.x, joint.worldPosition[1] - p.y,
-                            joint.worldPosition[2] - p.z);
-        };
-        const bool right = distance(type) < distance(other);
-        (away ? awaySides : facingSides) += 1;
-        (away ? awayRight : facingRight) += right ? 1 : 0;
-      }
-    }
-    ASSERT_GT(facingSides, 100);
-    ASSERT_GT(awaySides, 100);
-    EXPECT_GE(facingRight, facingSides * 9 / 10);
-    EXPECT_GE(awayRight, awaySides * 9 / 10);
+    // 0: facing the camera before the turn, 1: the back turned.
+    const auto phase = [](float t) { return t > 1.5f && t < 3.f ? 0 : t > 5.f && t < 7.5f ? 1 : -1; };
+    const auto [facingCamera, away] =
+        sides_of(sim::Scenario(o, camera, room, {person}), forest, phase, [](uint8_t) { return true; });
+    ASSERT_GT(facingCamera.joints, 100);
+    ASSERT_GT(away.joints, 100);
+    EXPECT_GE(facingCamera.right, facingCamera.joints * 9 / 10);
+    EXPECT_GE(away.right, away.joints * 9 / 10);
   }
 }
 
@@ -175,30 +189,11 @@ TEST(StandingStart, ArmsKeepTheirSidesWalkingAcross) {
     const float z = camera.position.z + 3000;
     person.timeline = sim::Timeline(person.shape, camera.position.x - way * 1900, z, way * 1.57f);
     person.timeline.walk_to(camera.position.x + way * 1900, z, 0.9f);
-    const sim::Scenario scenario(o, camera, room, {person});
-    sim::Renderer renderer(scenario);
-    skeleton::BodyTracker tracker(skeleton::TrackerOptions{}, copy_forest(forest), 160, 120);
-    tracker.isDepthMirrored = false;
-    sim::Frame frame;
-    int sides = 0, right = 0;
-    for (int i = 0; i < scenario.frame_count(); ++i) {
-      renderer.render(i, frame);
-      tracker.update(frame.depth.width(), frame.depth.height(), frame.depth.data()).unwrap();
-      if (frame.people.empty() || tracker.bodies().empty()) continue;
-      const sim::PersonTruth& truth = frame.people.front();
-      for (const auto& [type, joint] : tracker.bodies().front().joints) {
-        const bool arm = type >= 2 && type <= 7;
-        if (!arm || joint.status == skeleton::JointStatus::None) continue;
-        const auto distance = [&](uint8_t truthType) {
-          const skeleton::WorldPoint& p = truth.joints[truthType].camera;
-          return std::hypot(joint.worldPosition[0] - p.x, joint.worldPosition[1] - p.y, joint.worldPosition[2] - p.z);
-        };
-        ++sides;
-        right += distance(type) < distance(skeleton::mirror_joint(type)) ? 1 : 0;
-      }
-    }
-    ASSERT_GT(sides, 300);
-    EXPECT_GE(right, sides * 7 / 10);
+    const auto arm = [](uint8_t type) { return type >= 2 && type <= 7; };
+    const Sides arms =
+        sides_of(sim::Scenario(o, camera, room, {person}), forest, [](float) { return 0; }, arm)[0];
+    ASSERT_GT(arms.joints, 300);
+    EXPECT_GE(arms.right, arms.joints * 7 / 10);
   }
 }
 
