@@ -328,35 +328,20 @@ TEST(ForestWriterTest, RoundTripsAndStoresSharedOffsetsOnce) {
   }
 }
 
-class LoadForestTest : public ::testing::Test {
- protected:
-  std::string write(const std::string& name, const std::string& bytes) {
-    const std::string path = ::testing::TempDir() + "qbt_forest_" + name;
+TEST(LoadForest, MapsOutcomesToReadErrors) {
+  const std::string path = ::testing::TempDir() + "qbt_forest_load";
+  const auto load_bytes = [&](const std::string& bytes) {
     std::ofstream(path, std::ios::binary) << bytes;
-    paths_.push_back(path);
-    return path;
-  }
-  void TearDown() override {
-    for (const std::string& p : paths_) std::remove(p.c_str());
-  }
-  std::vector<std::string> paths_;
-};
-
-TEST_F(LoadForestTest, MapsOutcomesToReadErrors) {
-  auto missing = load_forest(::testing::TempDir() + "qbt_forest_does_not_exist");
-  EXPECT_EQ(missing.error(), ForestReadError::CannotOpen);
-
-  auto no_tree = load_forest(write("empty", FileBuilder().start().finish()));
-  EXPECT_EQ(no_tree.error(), ForestReadError::CannotOpen);
-
-  auto bad = load_forest(write("bad", FileBuilder().start(2).finish()));
-  EXPECT_EQ(bad.error(), ForestReadError::InvalidContents);
+    return load_forest(path);
+  };
+  EXPECT_EQ(load_forest(path + "_missing").error(), ForestReadError::CannotOpen);
+  EXPECT_EQ(load_bytes(FileBuilder().start().finish()).error(), ForestReadError::CannotOpen) << "no tree";
+  EXPECT_EQ(load_bytes(FileBuilder().start(2).finish()).error(), ForestReadError::InvalidContents);
 
   const DecisionForest forest = testing::make_random_forest(11, {.trees = 2, .depth = 5});
-  const std::string path = ::testing::TempDir() + "qbt_forest_good";
-  paths_.push_back(path);
   ASSERT_TRUE(write_forest_file(forest, path));
   auto good = load_forest(path);
+  std::remove(path.c_str());
   ASSERT_TRUE(good.is_ok());
   expect_same_forest(forest, good.unwrap());
 }
