@@ -167,16 +167,11 @@ TEST(TrackerStartup, NullOptionsAndEmptyPathUseTheDefaultFile) {
   }
   fs::copy_file(valid_file(), dir / "QuorvikBodyTracking.data");
   {
-    qbt_bodytracker_options_t options;
-    qbt_bodytracker_fill_default_options(&options);
-    options.dataFilePath = "";
-    qbt_bodytracker_t tracker = nullptr;
-    ASSERT_EQ(qbt_bodytracker_create(&options, &tracker), 0);
+    Tracker tracker("");
     Depth depth(160, 120);
     qbt_bodyframe_t frame;
-    EXPECT_EQ(qbt_bodytracker_update(tracker, &depth.map, &frame), 0);
+    EXPECT_EQ(qbt_bodytracker_update(tracker.handle, &depth.map, &frame), 0);
     EXPECT_EQ(qbt_bodyframe_release(&frame), 0);
-    qbt_bodytracker_destroy(&tracker);
   }
   fs::current_path(cwd);
   fs::remove_all(dir);
