@@ -275,21 +275,5 @@ TEST(DispatchTest, DetectedFeaturesAgreeWithTheCompiler) {
   EXPECT_STREQ(active_arch_name(), select_arch_variant(f).name);
 }
 
-TEST(DispatchTest, DispatcherMatchesItsChoiceAndTheOverride) {
-  const DecisionForest forest = testing::make_random_forest(9, {.trees = 1, .depth = 10});
-  Frame frame = random_frame(19);
-  const ClassifyParams params = params_for(frame, 1);
-  const op::Image<uint32_t> expected = reference(forest.tree(0), frame, 1);
-  op::Image<uint32_t> got;
-  evaluate_tree(forest.tree(0), frame.depth, params, got);
-  EXPECT_TRUE(same_image(expected, got));
-  for (const ArchVariant& build : runnable_builds()) {
-    SCOPED_TRACE(build.name);
-    ScopedKernelOverride forced(build.entry);
-    evaluate_tree(forest.tree(0), frame.depth, params, got);
-    EXPECT_TRUE(same_image(expected, got));
-  }
-}
-
 }  // namespace
 }  // namespace quorvik::skeleton
