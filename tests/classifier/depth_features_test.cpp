@@ -6,6 +6,8 @@
 
 #include <gtest/gtest.h>
 
+#include "support/throws.h"
+
 namespace quorvik::skeleton {
 namespace {
 
@@ -49,19 +51,11 @@ TEST(FrameFeatureTest, KnownValues) {
 
 TEST(FrameFeatureTest, RefusesKindsItDoesNotEvaluate) {
   const UserStatistics s = sample_statistics();
-  try {
-    get_frame_feature_value(0, 1, 1, s);
-    FAIL();
-  } catch (const std::logic_error& e) {
-    EXPECT_STREQ(e.what(), "get_frame_feature_value() doesn't support Offset features");
-  }
+  EXPECT_THAT([&] { get_frame_feature_value(0, 1, 1, s); },
+              support::throws_logic_error("get_frame_feature_value() doesn't support Offset features"));
   for (int kind : {13, 200, 255}) {
-    try {
-      get_frame_feature_value(static_cast<uint8_t>(kind), 1, 1, s);
-      FAIL() << kind;
-    } catch (const std::logic_error& e) {
-      EXPECT_STREQ(e.what(), "Unsupported feature type");
-    }
+    EXPECT_THAT([&] { get_frame_feature_value(static_cast<uint8_t>(kind), 1, 1, s); },
+                support::throws_logic_error("Unsupported feature type"));
   }
 }
 

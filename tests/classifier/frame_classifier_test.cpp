@@ -16,6 +16,7 @@
 #include "classifier_fixtures.h"
 #include "forest/forest_fixtures.h"
 #include "op/thread_pool.h"
+#include "support/throws.h"
 
 namespace quorvik::skeleton {
 namespace {
@@ -310,12 +311,7 @@ TEST_F(FrameClassifierTest, FeatureErrorsReachTheCaller) {
   testing::Scene scene = empty_scene();
   paint(scene, {40, 40, 43, 43}, 1, 2000);
   Outputs out;
-  try {
-    classify(forest, scene, {1}, {}, out);
-    FAIL();
-  } catch (const std::logic_error& e) {
-    EXPECT_STREQ(e.what(), "Unsupported feature type");
-  }
+  EXPECT_THAT([&] { classify(forest, scene, {1}, {}, out); }, support::throws_logic_error("Unsupported feature type"));
 }
 
 TEST_F(FrameClassifierTest, EveryBuildAndPoolSizeGivesTheSameImages) {

@@ -2,6 +2,7 @@
 #include <random>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -170,20 +171,9 @@ TEST(TreeKernelTest, PassesMoveEachPixelOneLevel) {
   const DecisionForest forest =
       testing::make_random_forest(5, {.trees = 1, .depth = 3, .leaf_chance = 0.f});
   Frame frame = random_frame(77);
-  const ClassifyParams params = params_for(frame, 0);
   const PackedForest packed(forest);
-  const KernelTree& tree = packed.tree(0);
-  KernelFrame kf{reinterpret_cast<const int16_t*>(frame.depth.data()),
-                 frame.flags.data(),
-                 160,
-                 120,
-                 {},
-                 {},
-                 0,
-                 frame.mean_depth,
-                 &frame.statistics,
-                 0,
-                 1};
+  KernelFrame kf{reinterpret_cast<const int16_t*>(frame.depth.data()), frame.flags.data(), 160, 120, {}, {}, 0,
+                 frame.mean_depth, &frame.statistics, 0, 1};
   std::memcpy(kf.target_box, frame.target_box, sizeof kf.target_box);
   std::memcpy(kf.context_box, frame.context_box, sizeof kf.context_box);
   int32_t targets = 0;
@@ -192,21 +182,20 @@ TEST(TreeKernelTest, PassesMoveEachPixelOneLevel) {
       targets += (frame.flags.at(x, y) & kTargetPixel) != 0;
     }
   }
+  const std::pair<const char*, KernelEntry> level_passes[] = {
+      {"arch_null", arch_null::evaluate_tree_level}, {"arch_sse2", arch_sse2::evaluate_tree_level},
+      {"arch_sse4p1", arch_sse4p1::evaluate_tree_level}, {"arch_avx", arch_avx::evaluate_tree_level},
+      {"arch_avx2", arch_avx2::evaluate_tree_level}, {"arch_fma3", arch_fma3::evaluate_tree_level}};
   for (const ArchVariant& build : runnable_builds()) {
     SCOPED_TRACE(build.name);
     std::vector<uint32_t> nodes(160 * 120, 0);
-    (void)params;
     KernelEntry level_pass = nullptr;
-    const std::string name = build.name;
-    if (name == "arch_null") level_pass = arch_null::evaluate_tree_level;
-    if (name == "arch_sse2") level_pass = arch_sse2::evaluate_tree_level;
-    if (name == "arch_sse4p1") level_pass = arch_sse4p1::evaluate_tree_level;
-    if (name == "arch_avx") level_pass = arch_avx::evaluate_tree_level;
-    if (name == "arch_avx2") level_pass = arch_avx2::evaluate_tree_level;
-    if (name == "arch_fma3") level_pass = arch_fma3::evaluate_tree_level;
+    for (const auto& [name, pass] : level_passes) {
+      if (std::string(name) == build.name) level_pass = pass;
+    }
     ASSERT_NE(level_pass, nullptr);
-    for (int pass = 0; pass < 3; ++pass) EXPECT_EQ(level_pass(tree, kf, nodes.data()), targets);
-    EXPECT_EQ(level_pass(tree, kf, nodes.data()), 0);
+    for (int pass = 0; pass < 3; ++pass) EXPECT_EQ(level_pass(packed.tree(0), kf, nodes.data()), targets);
+    EXPECT_EQ(level_pass(packed.tree(0), kf, nodes.data()), 0);
   }
 }
 
@@ -284,22 +273,6 @@ TEST(DispatchTest, DetectedFeaturesAgreeWithTheCompiler) {
   EXPECT_EQ((f & kCpuFma) != 0, __builtin_cpu_supports("fma") != 0);
   EXPECT_EQ(f & 1u, 0u);
   EXPECT_STREQ(active_arch_name(), select_arch_variant(f).name);
-}
-
-TEST(DispatchTest, DispatcherMatchesItsChoiceAndTheOverride) {
-  const DecisionForest forest = testing::make_random_forest(9, {.trees = 1, .depth = 10});
-  Frame frame = random_frame(19);
-  const ClassifyParams params = params_for(frame, 1);
-  const op::Image<uint32_t> expected = reference(forest.tree(0), frame, 1);
-  op::Image<uint32_t> got;
-  evaluate_tree(forest.tree(0), frame.depth, params, got);
-  EXPECT_TRUE(same_image(expected, got));
-  for (const ArchVariant& build : runnable_builds()) {
-    SCOPED_TRACE(build.name);
-    ScopedKernelOverride forced(build.entry);
-    evaluate_tree(forest.tree(0), frame.depth, params, got);
-    EXPECT_TRUE(same_image(expected, got));
-  }
 }
 
 }  // namespace

@@ -38,15 +38,9 @@ void write_box_forest(const std::string& path) { box_forest::write(path); }
 
 void write_recording(const std::string& dir, const std::string& scenario, int frames, int people, bool mirrored,
                      uint32_t width, uint32_t height) {
-  quorvik::sim::ScenarioOptions o;
-  o.name = scenario;
-  o.frames = frames;
-  o.people = people;
-  o.mirrored = mirrored;
-  o.width = width;
-  o.height = height;
-  o.seed = 3;
-  const quorvik::sim::Scenario sc = quorvik::sim::Scenario::make(o);
+  const quorvik::sim::Scenario sc = quorvik::sim::Scenario::make({.name = scenario, .people = people, .width = width,
+                                                                  .height = height, .frames = frames, .seed = 3,
+                                                                  .mirrored = mirrored});
   quorvik::sim::Renderer renderer(sc);
   quorvik::sim::RecordingWriter writer(dir, sc);
   quorvik::sim::Frame f;

@@ -11,9 +11,7 @@ namespace {
 
 // Whether some line of `text` holds exactly these words (however they are spaced).
 bool has_row(const std::string& text, const std::string& words) {
-  std::istringstream lines(text);
-  std::string line;
-  while (std::getline(lines, line)) {
+  for (const std::string& line : cli_test::lines_of(text)) {
     std::istringstream in(line);
     std::string word, joined;
     while (in >> word) joined += (joined.empty() ? "" : " ") + word;

@@ -11,7 +11,6 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -162,8 +161,7 @@ TEST(LiveWindow, ViewShowsTheSkeletonsUnderXvfbAndAnswersItsKeys) {
                                                       " --first " + std::to_string(kFirst));
   ASSERT_EQ(track.code, 0) << track.err;
   std::vector<json> frames;
-  std::istringstream lines(track.out);
-  for (std::string line; std::getline(lines, line);) frames.push_back(json::parse(line));
+  for (const std::string& line : cli_test::lines_of(track.out)) frames.push_back(json::parse(line));
   ASSERT_GT(frames.size(), static_cast<size_t>(kSteps));
   const json& shown = frames[kSteps];
   int highJoints = 0;

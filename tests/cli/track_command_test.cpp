@@ -5,7 +5,6 @@
 #include <filesystem>
 #include <fstream>
 #include <set>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -28,12 +27,9 @@ const std::vector<std::string> kJointOrder = {"Head",      "ShoulderSpine", "Lef
 
 std::vector<json> parse_lines(const std::string& text) {
   std::vector<json> lines;
-  std::istringstream in(text);
-  std::string line;
-  while (std::getline(in, line)) {
-    json j = json::parse(line, nullptr, false);
-    EXPECT_FALSE(j.is_discarded()) << "not JSON: " << line;
-    lines.push_back(j);
+  for (const std::string& line : cli_test::lines_of(text)) {
+    lines.push_back(json::parse(line, nullptr, false));
+    EXPECT_FALSE(lines.back().is_discarded()) << "not JSON: " << line;
   }
   return lines;
 }
@@ -111,10 +107,7 @@ TEST_F(TrackCommand, JsonLinesFollowTheSchemaAndPicturesAreWritten) {
                                                   path("out.jsonl") + " --render " + path("pics"));
   ASSERT_EQ(r.code, 0) << r.err;
   EXPECT_TRUE(r.out.empty()) << "the library's log lines stay off standard output: " << r.out;
-  std::ifstream in(path("out.jsonl"));
-  std::stringstream text;
-  text << in.rdbuf();
-  const std::vector<json> frames = parse_lines(text.str());
+  const std::vector<json> frames = parse_lines(cli_test::slurp(path("out.jsonl")));
   ASSERT_EQ(frames.size(), 45u);
   int bodiesWithJoints = 0, floors = 0;
   for (size_t i = 0; i < frames.size(); ++i) {

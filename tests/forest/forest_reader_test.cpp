@@ -42,12 +42,16 @@ struct FileBuilder {
   }
   // Root split on offsets entry 0, two leaves with distributions 0 and 1.
   FileBuilder& stump() {
-    w.offsets({ProbeOffsets{{10, -20, 30, -40}}});
-    w.tree(3, 2);
-    w.nodes({split_record(1, 0, 0, 5.f), leaf_record(0), leaf_record(1)});
-    w.distributions({DistributionRecord{{3}, {65535}}, DistributionRecord{{7, 9}, {100, 200}}});
-    return *this;
+    return offsets({ProbeOffsets{{10, -20, 30, -40}}})
+        .tree(3, 2)
+        .nodes({split_record(1, 0, 0, 5.f), leaf_record(0), leaf_record(1)})
+        .distributions({DistributionRecord{{3}, {65535}}, DistributionRecord{{7, 9}, {100, 200}}});
   }
+  // The writer's chunks, chained.
+  FileBuilder& offsets(const std::vector<ProbeOffsets>& entries) { return w.offsets(entries), *this; }
+  FileBuilder& tree(uint32_t nodeCount, uint32_t leafCount) { return w.tree(nodeCount, leafCount), *this; }
+  FileBuilder& nodes(const std::vector<NodeRecord>& records) { return w.nodes(records), *this; }
+  FileBuilder& distributions(const std::vector<DistributionRecord>& records) { return w.distributions(records), *this; }
   std::string finish() {
     w.end();
     return out.str();
@@ -77,12 +81,7 @@ TEST(ForestReaderTest, ReadsAHandWrittenFile) {
 }
 
 LabelDistribution decode(const DistributionRecord& record) {
-  FileBuilder b;
-  b.start();
-  b.w.tree(1, 1);
-  b.w.nodes({leaf_record(0)});
-  b.w.distributions({record});
-  auto result = parse_bytes(b.finish());
+  auto result = parse_bytes(FileBuilder().start().tree(1, 1).nodes({leaf_record(0)}).distributions({record}).finish());
   EXPECT_TRUE(result.is_ok());
   if (result.is_error()) return {};
   const DecisionForest forest = result.unwrap();
@@ -112,14 +111,14 @@ TEST(ForestReaderTest, DistributionDecodingFoldsTheExtraLabels) {
 }
 
 TEST(ForestReaderTest, NodeChunksOfOneTreeConcatenate) {
-  FileBuilder b;
-  b.start();
-  b.w.tree(3, 2);
-  b.w.nodes({split_record(1, 4, 0, 0.5f)});
-  b.w.nodes({leaf_record(1), leaf_record(0)});
-  b.w.distributions({DistributionRecord{{1}, {1}}});
-  b.w.distributions({DistributionRecord{{2}, {1}}});
-  auto result = parse_bytes(b.finish());
+  auto result = parse_bytes(FileBuilder()
+                                .start()
+                                .tree(3, 2)
+                                .nodes({split_record(1, 4, 0, 0.5f)})
+                                .nodes({leaf_record(1), leaf_record(0)})
+                                .distributions({DistributionRecord{{1}, {1}}})
+                                .distributions({DistributionRecord{{2}, {1}}})
+                                .finish());
   ASSERT_TRUE(result.is_ok());
   const DecisionForest forest = result.unwrap();
   const DecisionTree& tree = forest.tree(0);
@@ -131,27 +130,21 @@ TEST(ForestReaderTest, NodeChunksOfOneTreeConcatenate) {
 }
 
 TEST(ForestReaderTest, LaterOffsetTableReplacesTheEarlierOne) {
-  FileBuilder b;
-  b.start();
-  b.w.offsets({ProbeOffsets{{1, 1, 1, 1}}, ProbeOffsets{{2, 2, 2, 2}}});
-  b.w.tree(3, 1);
-  b.w.nodes({split_record(1, 0, 1, 0.f)});
-  b.w.offsets({ProbeOffsets{{3, 3, 3, 3}}});
-  b.w.nodes({leaf_record(0), leaf_record(0)});
-  b.w.distributions({DistributionRecord{}});
-  auto result = parse_bytes(b.finish());
+  const std::vector<ProbeOffsets> two{ProbeOffsets{{1, 1, 1, 1}}, ProbeOffsets{{2, 2, 2, 2}}};
+  const std::vector<ProbeOffsets> one{ProbeOffsets{{3, 3, 3, 3}}};
+  const NodeRecord split = split_record(1, 0, 1, 0.f);
+  auto result = parse_bytes(FileBuilder().start().offsets(two).tree(3, 1).nodes({split}).offsets(one)
+                                .nodes({leaf_record(0), leaf_record(0)}).distributions({DistributionRecord{}})
+                                .finish());
   ASSERT_TRUE(result.is_ok());
   EXPECT_THAT(result.unwrap().tree(0).node(0).offsets, ::testing::ElementsAre(2, 2, 2, 2))
       << "nodes keep the offsets they copied";
 
-  FileBuilder shrunk;
-  shrunk.start();
-  shrunk.w.offsets({ProbeOffsets{{1, 1, 1, 1}}, ProbeOffsets{{2, 2, 2, 2}}});
-  shrunk.w.offsets({ProbeOffsets{{3, 3, 3, 3}}});
-  shrunk.w.tree(3, 1);
-  shrunk.w.nodes({split_record(1, 0, 1, 0.f), leaf_record(0), leaf_record(0)});
-  shrunk.w.distributions({DistributionRecord{}});
-  EXPECT_EQ(parse_error(shrunk.finish()), ForestParseError::BadOffsetIndex);
+  const std::string shrunk = FileBuilder().start().offsets(two).offsets(one).tree(3, 1)
+                                 .nodes({split, leaf_record(0), leaf_record(0)})
+                                 .distributions({DistributionRecord{}})
+                                 .finish();
+  EXPECT_EQ(parse_error(shrunk), ForestParseError::BadOffsetIndex);
 }
 
 TEST(ForestReaderTest, RejectsBrokenFiles) {
@@ -162,83 +155,39 @@ TEST(ForestReaderTest, RejectsBrokenFiles) {
   };
   const DistributionRecord any{{1}, {1}};
   const std::vector<Case> cases = {
-      {"NODE before TREE",
-       [](FileBuilder& b) { b.w.nodes({leaf_record(0)}); }, ForestParseError::NoCurrentTree},
-      {"DIST before TREE",
-       [&](FileBuilder& b) { b.w.distributions({any}); }, ForestParseError::NoCurrentTree},
-      {"label 32",
-       [](FileBuilder& b) {
-         b.w.tree(1, 1);
-         b.w.distributions({DistributionRecord{{32}, {5}}});
-       },
+      {"NODE before TREE", [](FileBuilder& b) { b.nodes({leaf_record(0)}); }, ForestParseError::NoCurrentTree},
+      {"DIST before TREE", [&](FileBuilder& b) { b.distributions({any}); }, ForestParseError::NoCurrentTree},
+      {"label 32", [](FileBuilder& b) { b.tree(1, 1).distributions({DistributionRecord{{32}, {5}}}); },
        ForestParseError::BadDistribution},
-      {"33 entries",
-       [](FileBuilder& b) {
-         b.w.tree(1, 1);
-         b.w.chunk("DIST", {1, 0, 0, 0, 33});
-       },
+      {"33 entries", [](FileBuilder& b) { b.tree(1, 1).w.chunk("DIST", {1, 0, 0, 0, 33}); },
        ForestParseError::BadDistribution},
       {"offset index beyond the table",
-       [](FileBuilder& b) {
-         b.w.offsets({ProbeOffsets{}});
-         b.w.tree(3, 1);
-         b.w.nodes({split_record(1, 0, 1, 0.f)});
-       },
+       [](FileBuilder& b) { b.offsets({ProbeOffsets{}}).tree(3, 1).nodes({split_record(1, 0, 1, 0.f)}); },
        ForestParseError::BadOffsetIndex},
-      {"Offset split without any table",
-       [](FileBuilder& b) {
-         b.w.tree(3, 1);
-         b.w.nodes({split_record(1, 0, 0, 0.f)});
-       },
+      {"Offset split without any table", [](FileBuilder& b) { b.tree(3, 1).nodes({split_record(1, 0, 0, 0.f)}); },
        ForestParseError::BadOffsetIndex},
-      {"feature kind 13",
-       [](FileBuilder& b) {
-         b.w.tree(3, 1);
-         b.w.nodes({split_record(1, 13, 0, 0.f)});
-       },
+      {"feature kind 13", [](FileBuilder& b) { b.tree(3, 1).nodes({split_record(1, 13, 0, 0.f)}); },
        ForestParseError::BadFeatureKind},
-      {"more nodes than declared",
-       [](FileBuilder& b) {
-         b.w.tree(1, 1);
-         b.w.nodes({leaf_record(0), leaf_record(0)});
-       },
+      {"more nodes than declared", [](FileBuilder& b) { b.tree(1, 1).nodes({leaf_record(0), leaf_record(0)}); },
        ForestParseError::TooManyRecords},
       {"more distributions than declared",
-       [&](FileBuilder& b) {
-         b.w.tree(1, 1);
-         b.w.distributions({any});
-         b.w.distributions({any});
-       },
+       [&](FileBuilder& b) { b.tree(1, 1).distributions({any}).distributions({any}); },
        ForestParseError::TooManyRecords},
       {"second child outside the tree",
-       [&](FileBuilder& b) {
-         b.w.tree(2, 1);
-         b.w.nodes({split_record(1, 5, 0, 0.f), leaf_record(0)});
-         b.w.distributions({any});
-       },
+       [&](FileBuilder& b) { b.tree(2, 1).nodes({split_record(1, 5, 0, 0.f), leaf_record(0)}).distributions({any}); },
        ForestParseError::BadChildIndex},
       {"leaf without its distribution",
-       [&](FileBuilder& b) {
-         b.w.tree(1, 1);
-         b.w.nodes({leaf_record(1)});
-         b.w.distributions({any});
-       },
+       [&](FileBuilder& b) { b.tree(1, 1).nodes({leaf_record(1)}).distributions({any}); },
        ForestParseError::BadLeafIndex},
-      {"tree without nodes",
-       [](FileBuilder& b) { b.w.tree(0, 0); }, ForestParseError::EmptyTree},
+      {"tree without nodes", [](FileBuilder& b) { b.tree(0, 0); }, ForestParseError::EmptyTree},
       {"child pointing back at the root",
        [&](FileBuilder& b) {
-         b.w.tree(3, 1);
-         b.w.nodes({split_record(1, 5, 0, 0.f), split_record(0, 5, 0, 0.f), leaf_record(0)});
-         b.w.distributions({any});
+         b.tree(3, 1)
+             .nodes({split_record(1, 5, 0, 0.f), split_record(0, 5, 0, 0.f), leaf_record(0)})
+             .distributions({any});
        },
        ForestParseError::NotATree},
-      {"a valid tree followed by a broken one",
-       [&](FileBuilder& b) {
-         b.stump();
-         b.w.tree(1, 0);
-         b.w.nodes({leaf_record(0)});
-       },
+      {"a valid tree followed by a broken one", [&](FileBuilder& b) { b.stump().tree(1, 0).nodes({leaf_record(0)}); },
        ForestParseError::BadLeafIndex},
   };
   for (const Case& c : cases) {
@@ -328,35 +277,20 @@ TEST(ForestWriterTest, RoundTripsAndStoresSharedOffsetsOnce) {
   }
 }
 
-class LoadForestTest : public ::testing::Test {
- protected:
-  std::string write(const std::string& name, const std::string& bytes) {
-    const std::string path = ::testing::TempDir() + "qbt_forest_" + name;
+TEST(LoadForest, MapsOutcomesToReadErrors) {
+  const std::string path = ::testing::TempDir() + "qbt_forest_load";
+  const auto load_bytes = [&](const std::string& bytes) {
     std::ofstream(path, std::ios::binary) << bytes;
-    paths_.push_back(path);
-    return path;
-  }
-  void TearDown() override {
-    for (const std::string& p : paths_) std::remove(p.c_str());
-  }
-  std::vector<std::string> paths_;
-};
-
-TEST_F(LoadForestTest, MapsOutcomesToReadErrors) {
-  auto missing = load_forest(::testing::TempDir() + "qbt_forest_does_not_exist");
-  EXPECT_EQ(missing.error(), ForestReadError::CannotOpen);
-
-  auto no_tree = load_forest(write("empty", FileBuilder().start().finish()));
-  EXPECT_EQ(no_tree.error(), ForestReadError::CannotOpen);
-
-  auto bad = load_forest(write("bad", FileBuilder().start(2).finish()));
-  EXPECT_EQ(bad.error(), ForestReadError::InvalidContents);
+    return load_forest(path);
+  };
+  EXPECT_EQ(load_forest(path + "_missing").error(), ForestReadError::CannotOpen);
+  EXPECT_EQ(load_bytes(FileBuilder().start().finish()).error(), ForestReadError::CannotOpen) << "no tree";
+  EXPECT_EQ(load_bytes(FileBuilder().start(2).finish()).error(), ForestReadError::InvalidContents);
 
   const DecisionForest forest = testing::make_random_forest(11, {.trees = 2, .depth = 5});
-  const std::string path = ::testing::TempDir() + "qbt_forest_good";
-  paths_.push_back(path);
   ASSERT_TRUE(write_forest_file(forest, path));
   auto good = load_forest(path);
+  std::remove(path.c_str());
   ASSERT_TRUE(good.is_ok());
   expect_same_forest(forest, good.unwrap());
 }

@@ -74,14 +74,8 @@ int main(int argc, char** argv) {
         kind(kFlat, kAsyncTake), 0xFF, 0xFF, 0}},
   };
   for (const Seed& seed : seeds) {
-    quorvik::sim::ScenarioOptions options;
-    options.name = seed.scenario;
-    options.people = seed.people > 0 ? seed.people : -1;
-    options.width = 320;
-    options.height = 240;
-    options.frames = seed.frame + 1;
-    options.seed = 23;
-    const quorvik::sim::Scenario scenario = quorvik::sim::Scenario::make(options);
+    const quorvik::sim::Scenario scenario = quorvik::sim::Scenario::make(
+        {.name = seed.scenario, .people = seed.people > 0 ? seed.people : -1, .frames = seed.frame + 1, .seed = 23});
     quorvik::sim::Renderer renderer(scenario);
     quorvik::sim::Frame frame;
     renderer.render(seed.frame, frame);

@@ -1,9 +1,6 @@
 // A host's view of whole sequences: people rendered into depth maps, tracked through the
 // shared library, bodies and masks read back through the C interface.
 
-#include <unistd.h>
-
-#include <filesystem>
 #include <map>
 #include <string>
 #include <vector>
@@ -16,21 +13,12 @@
 
 namespace {
 
-// The hand-made forest, in a file of this process's own.
-std::string write_box_forest() {
-  const std::string path =
-      (std::filesystem::temp_directory_path() / ("qbt-host-" + std::to_string(getpid()) + ".data")).string();
-  box_forest::write(path);
-  return path;
-}
-
 class Host {
  public:
   explicit Host(int scale = 1) : scene(1000.f, 5.f, 160 * scale, 120 * scale) {
-    static const std::string path = write_box_forest();
     qbt_bodytracker_options_t options;
     qbt_bodytracker_fill_default_options(&options);
-    options.dataFilePath = path.c_str();
+    options.dataFilePath = box_forest::file().c_str();
     EXPECT_EQ(qbt_bodytracker_create(&options, &tracker), 0);
     scene.floor().wall(4500);
   }

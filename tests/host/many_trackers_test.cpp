@@ -2,7 +2,6 @@
 // host thread per tracker, and trackers created and destroyed over and over.
 
 #include <malloc.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <cmath>
@@ -22,19 +21,10 @@ namespace {
 
 namespace fs = std::filesystem;
 
-const std::string& forest_path() {
-  static const std::string path = [] {
-    const std::string p = (fs::temp_directory_path() / ("qbt-many-" + std::to_string(getpid()) + ".data")).string();
-    box_forest::write(p);
-    return p;
-  }();
-  return path;
-}
-
 qbt_bodytracker_t create_tracker() {
   qbt_bodytracker_options_t options;
   qbt_bodytracker_fill_default_options(&options);
-  options.dataFilePath = forest_path().c_str();
+  options.dataFilePath = box_forest::file().c_str();
   qbt_bodytracker_t tracker = nullptr;
   EXPECT_EQ(qbt_bodytracker_create(&options, &tracker), 0);
   return tracker;

@@ -7,20 +7,6 @@
 namespace quorvik::api {
 namespace {
 
-TEST(ReportError, BuildsNameMessageAndDetail) {
-  EXPECT_EQ(report_error("qbt_bodytracker_update", 7, "depthMap is null"), 7);
-  EXPECT_EQ(last_error_code(), 7);
-  EXPECT_STREQ(last_error_text(), "qbt_bodytracker_update(): Invalid parameter: depthMap is null");
-
-  EXPECT_EQ(report_error("bodytracker_update", 6, ""), 6);
-  EXPECT_STREQ(last_error_text(),
-               "bodytracker_update(): Input depth map has an invalid size. Depth map size must be a multiple "
-               "of 160x120. ");
-
-  EXPECT_EQ(report_error("qbt_bodytracker_create", 103, "std::bad_alloc"), 103);
-  EXPECT_STREQ(last_error_text(), "qbt_bodytracker_create(): Internal unhandled exception: std::bad_alloc");
-}
-
 TEST(ReportError, CodesOutsideTheTableBecome127) {
   for (int code : {0, 9, 50, 99, 106, 126, 128, 200, 255}) {
     SCOPED_TRACE(code);

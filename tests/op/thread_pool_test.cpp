@@ -3,7 +3,7 @@
 
 #include <atomic>
 #include <chrono>
-#include <mutex>
+#include <latch>
 #include <vector>
 
 #include <sys/resource.h>
@@ -21,37 +21,12 @@ namespace op {
 namespace {
 
 // Blocks a worker until released, so that its queue fills up behind it.
-class Gate {
- public:
-  void open() {
-    {
-      std::lock_guard lock(mutex_);
-      open_ = true;
-    }
-    cv_.notify_all();
-  }
-  void wait() {
-    std::unique_lock lock(mutex_);
-    cv_.wait(lock, [&] { return open_; });
-  }
-  void wait_entered() {
-    std::unique_lock lock(mutex_);
-    cv_.wait(lock, [&] { return entered_; });
-  }
+struct Gate {
+  std::latch entered{1}, opened{1};
   void enter() {
-    {
-      std::lock_guard lock(mutex_);
-      entered_ = true;
-    }
-    cv_.notify_all();
-    wait();
+    entered.count_down();
+    opened.wait();
   }
-
- private:
-  std::mutex mutex_;
-  std::condition_variable cv_;
-  bool open_ = false;
-  bool entered_ = false;
 };
 
 TEST(ThreadPool, HoldsNineQueuedActionsAndRefusesTheTenth) {
@@ -59,7 +34,7 @@ TEST(ThreadPool, HoldsNineQueuedActionsAndRefusesTheTenth) {
   Gate gate;
   auto busy = pool.submit(0, [&] { gate.enter(); });
   ASSERT_TRUE(busy.is_ok());
-  gate.wait_entered();
+  gate.entered.wait();
   std::vector<ActionFuture<int>> futures;
   for (int i = 0; i < 9; ++i) {
     auto r = pool.submit(0, [i] { return i; });
@@ -75,7 +50,7 @@ TEST(ThreadPool, HoldsNineQueuedActionsAndRefusesTheTenth) {
   ASSERT_TRUE(grouped.is_error());
   EXPECT_FALSE(group->wait_for(60000)) << "the refused action cancels its group";
 
-  gate.open();
+  gate.opened.count_down();
   for (int i = 0; i < 9; ++i) EXPECT_EQ(futures[i].get(), i);
 }
 
@@ -107,7 +82,6 @@ TEST(ThreadPool, EveryWorkerTakesItsOwnQueue) {
   EXPECT_EQ(*bad.error(), SubmitError::NoSuchWorker);
 }
 
-
 TEST(ThreadPool, TerminateAbandonsQueuedWorkAndReportsIt) {
   testing::internal::CaptureStdout();
   std::vector<ActionFuture<int>> queued;
@@ -116,7 +90,7 @@ TEST(ThreadPool, TerminateAbandonsQueuedWorkAndReportsIt) {
     ThreadPool pool(1);
     Gate gate;
     ASSERT_TRUE(pool.submit(0, [&] { gate.enter(); finished = true; }).is_ok());
-    gate.wait_entered();
+    gate.entered.wait();
     for (int i = 0; i < 3; ++i) queued.push_back(pool.submit(0, [i] { return i; }).unwrap());
     // Tasks of a set that the calling thread ran itself are left in the queue, but as
     // nothing: they are not reported.
@@ -127,7 +101,7 @@ TEST(ThreadPool, TerminateAbandonsQueuedWorkAndReportsIt) {
     EXPECT_EQ(ranByCaller, 2);
     std::thread opener([&] {
       std::this_thread::sleep_for(std::chrono::milliseconds(50));
-      gate.open();
+      gate.opened.count_down();
     });
     pool.terminate();  // waits for the running action
     opener.join();

@@ -46,7 +46,7 @@ class Harness {
   }
 
   // One frame: a wall with the rectangles in front of it, all of them foreground.
-  void step(const std::vector<Rect>& rects, std::span<const TrackedCandidate> candidates = {},
+  void step(const std::vector<Rect>& rects, const std::vector<TrackedCandidate>& candidates = {},
             bool search = true, const std::vector<Rect>& staticRects = {}) {
     depth.assign(size_t(kW * kH), kWall);
     background.foreground.clear();
@@ -118,11 +118,10 @@ TEST(UserSegmenter, ConfirmedCandidatesThatNoUserCoversBecomeUsers) {
   for (int i = 0; i < 3; ++i) h.step({kPerson});
   // A still blob is not enough on its own; an unconfirmed candidate neither.
   EXPECT_EQ(h.users->active_user_count(), 0);
-  const TrackedCandidate unconfirmed[] = {candidate(kPerson, false)};
-  h.step({kPerson}, unconfirmed);
+  h.step({kPerson}, {candidate(kPerson, false)});
   EXPECT_EQ(h.users->active_user_count(), 0);
 
-  const TrackedCandidate confirmed[] = {candidate(kPerson)};
+  const std::vector<TrackedCandidate> confirmed = {candidate(kPerson)};
   h.step({kPerson}, confirmed);
   ASSERT_TRUE(h.users->is_active(1));
   EXPECT_EQ(h.count(1), 20 * 90);
@@ -135,7 +134,7 @@ TEST(UserSegmenter, ConfirmedCandidatesThatNoUserCoversBecomeUsers) {
   EXPECT_EQ(h.count(1), 20 * 90);
   // No search during a scene change or soon after a reset.
   const Rect other{120, 20, 139, 109, 2500};
-  const TrackedCandidate second[] = {candidate(other)};
+  const std::vector<TrackedCandidate> second = {candidate(other)};
   h.step({kPerson, other}, second, false);
   EXPECT_EQ(h.users->active_user_count(), 1);
   h.step({kPerson, other}, second);
@@ -145,8 +144,7 @@ TEST(UserSegmenter, ConfirmedCandidatesThatNoUserCoversBecomeUsers) {
 TEST(UserSegmenter, ShortObjectsAreNoPeopleEvenAsConfirmedCandidates) {
   Harness h;
   const Rect chair{70, 80, 95, 109, 2500};  // about 0.5 m tall
-  const TrackedCandidate confirmed[] = {candidate(chair)};
-  for (int i = 0; i < 10; ++i) h.step({chair}, confirmed);
+  for (int i = 0; i < 10; ++i) h.step({chair}, {candidate(chair)});
   EXPECT_EQ(h.users->active_user_count(), 0);
   EXPECT_EQ(h.count(0), kW * kH);
 }
@@ -156,8 +154,7 @@ TEST(UserSegmenter, ARegionNeedsMoreThanAThirdOfItsWeightOnTheUsersPixelsToInher
     SCOPED_TRACE(extra);
     Harness h;
     const Rect person{70, 40, 89, 109, 2500};  // small enough to stay a person when grown
-    const TrackedCandidate confirmed[] = {candidate(person)};
-    h.step({person}, confirmed);
+    h.step({person}, {candidate(person)});
     ASSERT_TRUE(h.users->is_active(1));
     // The region grows sideways at the same depth: the old 20 columns are unchanged pixels
     // of user 1, the new ones are not.
@@ -173,10 +170,8 @@ TEST(UserSegmenter, ARegionNeedsMoreThanAThirdOfItsWeightOnTheUsersPixelsToInher
 TEST(UserSegmenter, MovingUsersKeepTheirIdsAndNeighboursGetTheirOwn) {
   Harness h;
   Rect a = kPerson, b{115, 25, 132, 109, 3000};
-  const TrackedCandidate first[] = {candidate(a)};
-  h.step({a}, first);
-  const TrackedCandidate second[] = {candidate(b)};
-  h.step({a, b}, second);
+  h.step({a}, {candidate(a)});
+  h.step({a, b}, {candidate(b)});
   ASSERT_TRUE(h.users->is_active(1));
   ASSERT_TRUE(h.users->is_active(2));
   for (int f = 0; f < 8; ++f) {
@@ -195,8 +190,7 @@ TEST(UserSegmenter, StaticPartsOfAUserAreHandedBack) {
   Harness h;
   // A person and a small box beside their feet, taken in as one candidate.
   const Rect box{95, 100, 104, 109, 2700};
-  const TrackedCandidate confirmed[] = {candidate({70, 20, 104, 109, 2500}, true, 2800)};
-  h.step({kPerson, box}, confirmed);
+  h.step({kPerson, box}, {candidate({70, 20, 104, 109, 2500}, true, 2800)});
   ASSERT_TRUE(h.users->is_active(1));
   ASSERT_EQ(h.count(1), 20 * 90 + 10 * 10);
   // The box stays where it is but is no longer foreground: it goes back to the background.
@@ -211,7 +205,7 @@ TEST(UserSegmenter, StaticPartsOfAUserAreHandedBack) {
 
 TEST(UserSegmenter, BadFramesAndSceneChangesRemoveUsersThatCannotBeTraced) {
   Harness h;
-  const TrackedCandidate confirmed[] = {candidate(kPerson)};
+  const std::vector<TrackedCandidate> confirmed = {candidate(kPerson)};
   h.step({kPerson}, confirmed);
   ASSERT_TRUE(h.users->is_active(1));
   // A scene change that reaches back further than the user's age removes it.
@@ -249,9 +243,8 @@ TEST(UserSegmenter, BadFramesAndSceneChangesRemoveUsersThatCannotBeTraced) {
 TEST(UserSegmenter, APairEndsWithEitherOfItsUsers) {
   Harness h;
   const Rect a{40, 20, 69, 109, 2500}, b{75, 20, 89, 109, 2500}, merged{40, 20, 89, 109, 2500};
-  const TrackedCandidate ca[] = {candidate(a)}, cb[] = {candidate(b)};
-  h.step({a}, ca);
-  h.step({a, b}, cb);
+  h.step({a}, {candidate(a)});
+  h.step({a, b}, {candidate(b)});
   h.step({merged});
   ASSERT_EQ(h.users->user(1).pairPartner, 2);
   h.badFrame = true;  // the second of a pair owns no region: a bad frame removes it
@@ -265,10 +258,10 @@ TEST(UserSegmenter, IdsAreHandedOutLowestFirstAndReusedLastFreedFirst) {
   Harness h;
   const Rect p0{10, 20, 29, 109, 2500}, p1{60, 20, 79, 109, 2500}, p2{110, 20, 129, 109, 2500};
   const Rect p3{140, 20, 155, 109, 2500};
-  const TrackedCandidate c0[] = {candidate(p0)}, c2[] = {candidate(p2)}, c3[] = {candidate(p3)};
-  const TrackedCandidate c1[] = {candidate(p1)};
+  const std::vector<TrackedCandidate> c0 = {candidate(p0)};
   h.step({p0}, c0);
-  h.step({p0, p1}, c1);
+  h.step({p0, p1}, {candidate(p1)});
+  const std::vector<TrackedCandidate> c2 = {candidate(p2)};
   h.step({p0, p1, p2}, c2);
   EXPECT_EQ(h.label(p0.x0, 60), 1);
   EXPECT_EQ(h.label(p1.x0, 60), 2);
@@ -287,7 +280,7 @@ TEST(UserSegmenter, IdsAreHandedOutLowestFirstAndReusedLastFreedFirst) {
   EXPECT_EQ(h.label(p0.x0, 60), 3);
   h.step({p0, p1, p2}, c2);
   EXPECT_EQ(h.label(p2.x0, 60), 1);
-  h.step({p0, p1, p2, p3}, c3);
+  h.step({p0, p1, p2, p3}, {candidate(p3)});
   EXPECT_EQ(h.label(p3.x0, 60), 4);
   EXPECT_EQ(h.users->active_user_count(), 4);
 }
@@ -295,9 +288,7 @@ TEST(UserSegmenter, IdsAreHandedOutLowestFirstAndReusedLastFreedFirst) {
 TEST(UserSegmenter, FragmentsBehindAUserOrBesideItAreLetGo) {
   Harness h;
   const Rect blob{95, 60, 110, 90, 3200};  // a piece of something behind, beside the person
-  TrackedCandidate both = candidate({70, 20, 110, 109, 2500}, true, 3250);
-  const TrackedCandidate c[] = {both};
-  h.step({kPerson, blob}, c);
+  h.step({kPerson, blob}, {candidate({70, 20, 110, 109, 2500}, true, 3250)});
   ASSERT_EQ(h.label(kPerson.x0, 60), 1);
   ASSERT_EQ(h.label(blob.x0, 60), 1);
   h.step({kPerson, blob});
@@ -308,8 +299,7 @@ TEST(UserSegmenter, FragmentsBehindAUserOrBesideItAreLetGo) {
   // A second person who came in together with the first one and now stands apart.
   Harness g;
   Rect other{100, 25, 117, 109, 2500};
-  const TrackedCandidate pair[] = {candidate({70, 20, 117, 109, 2500})};
-  g.step({kPerson, other}, pair);
+  g.step({kPerson, other}, {candidate({70, 20, 117, 109, 2500})});
   ASSERT_EQ(g.label(other.x0, 60), 1);
   int frames = 0;
   while (!g.users->is_active(2) && frames < 20) {

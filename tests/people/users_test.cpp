@@ -62,35 +62,42 @@ void expect_coverage(const SceneEngine& run, const Scene& scene, int person, uin
   EXPECT_GT(withId > 0 ? double(both) / withId : 0, minPrecision) << "precision of id " << id;
 }
 
-// Walks a person from startX to endX at depth z, one step per frame, checking every frame.
-// Returns the frame (counted from the start of the walk) in which the person was first fully
-// visible, or -1.
-int walk(SceneEngine& run, Scene& scene, int person, float endX, float z, int& firstIdFrame,
-         uint16_t& id) {
+// Renders the scene, feeds it to the engine and checks the frame.
+void step(SceneEngine& run, const Scene& scene) {
+  const std::vector<uint16_t> depth = scene.render();
+  run.feed(depth);
+  check_frame(run, depth);
+}
+
+struct Walk {
+  int fullFrame = -1;     // first frame of the walk with the person fully visible
+  int firstIdFrame = -1;  // first frame of the walk with an id on the person
+  uint16_t id = 0;        // that id
+};
+
+// Walks a person to endX at depth z, one step per frame, checking every frame.
+Walk walk(SceneEngine& run, Scene& scene, int person, float endX, float z) {
   int present = 0;
   for (size_t i = 0; i < scene.people_count(); ++i) present += scene.person(int(i)).visible ? 1 : 0;
-  int fullFrame = -1;
-  firstIdFrame = -1;
+  Walk w;
   const float direction = endX > scene.person(person).x ? 1.f : -1.f;
   for (int f = 0; direction * (endX - scene.person(person).x) > 0; ++f) {
     scene.walk_to(person, scene.person(person).x + direction * kStep, z);
-    const std::vector<uint16_t> depth = scene.render();
-    run.feed(depth);
     SCOPED_TRACE(testing::Message() << "frame " << f << " x " << scene.person(person).x);
-    check_frame(run, depth);
+    step(run, scene);
     // One person never splits into two ids.
     EXPECT_LE(run.users().active_user_count(), present);
-    if (fullFrame < 0 && scene.fully_visible(person)) fullFrame = f;
+    if (w.fullFrame < 0 && scene.fully_visible(person)) w.fullFrame = f;
     const uint16_t now = id_of(run, scene, person);
-    if (firstIdFrame < 0 && now != 0) {
-      firstIdFrame = f;
-      id = now;
+    if (w.firstIdFrame < 0 && now != 0) {
+      w.firstIdFrame = f;
+      w.id = now;
     }
-    if (firstIdFrame >= 0 && fullFrame >= 0) {
-      EXPECT_EQ(now, id) << "the id changed";
+    if (w.firstIdFrame >= 0 && w.fullFrame >= 0) {
+      EXPECT_EQ(now, w.id) << "the id changed";
     }
   }
-  return fullFrame;
+  return w;
 }
 
 }  // namespace
@@ -104,22 +111,18 @@ TEST(Users, PersonWalkingInGetsIdOneWithinThirtyFramesOfBeingFullyVisible) {
     const int p = scene.add_person(-2500.f, 2800.f);
     SceneEngine run(160 * scale, 120 * scale);
     run.feed(scene.render(), 40);
-    int firstId = -1;
-    uint16_t id = 0;
-    const int full = walk(run, scene, p, 600.f, 2800.f, firstId, id);
-    ASSERT_GE(full, 0);
-    ASSERT_GE(firstId, 0);
-    EXPECT_LE(firstId, full + 30);
-    EXPECT_EQ(id, 1);
+    const Walk w = walk(run, scene, p, 600.f, 2800.f);
+    ASSERT_GE(w.fullFrame, 0);
+    ASSERT_GE(w.firstIdFrame, 0);
+    EXPECT_LE(w.firstIdFrame, w.fullFrame + 30);
+    EXPECT_EQ(w.id, 1);
     EXPECT_EQ(run.users().active_user_count(), 1);
-    expect_coverage(run, scene, p, id);
+    expect_coverage(run, scene, p, w.id);
     // Standing still afterwards keeps the id.
-    const std::vector<uint16_t> still = scene.render();
     for (int f = 0; f < 60; ++f) {
-      run.feed(still);
       SCOPED_TRACE(f);
-      check_frame(run, still);
-      ASSERT_EQ(id_of(run, scene, p), id);
+      step(run, scene);
+      ASSERT_EQ(id_of(run, scene, p), w.id);
     }
   }
 }
@@ -135,11 +138,9 @@ TEST(Users, TwoPeopleApartGetTwoIdsAndKeepThemThroughACrossing) {
     scene.person(b).visible = false;
     SceneEngine run;
     run.feed(scene.render(), 40);
-    int firstA = -1, firstB = -1;
-    uint16_t idA = 0, idB = 0;
-    walk(run, scene, a, -700.f, front, firstA, idA);
+    const uint16_t idA = walk(run, scene, a, -700.f, front).id;
     scene.person(b).visible = true;
-    walk(run, scene, b, 700.f, back, firstB, idB);
+    const uint16_t idB = walk(run, scene, b, 700.f, back).id;
     ASSERT_EQ(idA, 1);
     ASSERT_EQ(idB, 2);
     ASSERT_EQ(id_of(run, scene, a), 1);
@@ -148,10 +149,8 @@ TEST(Users, TwoPeopleApartGetTwoIdsAndKeepThemThroughACrossing) {
     for (int f = 0; f < 70; ++f) {
       scene.walk_to(a, scene.person(a).x + kStep, front);
       scene.walk_to(b, scene.person(b).x - kStep, back);
-      const std::vector<uint16_t> depth = scene.render();
-      run.feed(depth);
       SCOPED_TRACE(testing::Message() << "crossing frame " << f);
-      check_frame(run, depth);
+      step(run, scene);
       ASSERT_EQ(id_of(run, scene, a), idA);
       const uint16_t nowB = id_of(run, scene, b);
       if (nowB != 0) {
@@ -165,25 +164,6 @@ TEST(Users, TwoPeopleApartGetTwoIdsAndKeepThemThroughACrossing) {
   }
 }
 
-TEST(Users, AUserWithoutPixelsIsRemovedOnTheThreeHundredAndFirstFrame) {
-  Scene scene = room();
-  const int p = scene.add_person(-2500.f, 2800.f);
-  SceneEngine run;
-  run.feed(scene.render(), 40);
-  int first = -1;
-  uint16_t id = 0;
-  walk(run, scene, p, 0.f, 2800.f, first, id);
-  ASSERT_NE(id, 0);
-  scene.person(p).visible = false;
-  const std::vector<uint16_t> empty = scene.render();
-  int frames = 0;
-  while (run.users().is_active(id) && frames < 400) {
-    run.feed(empty);
-    ++frames;
-  }
-  EXPECT_EQ(frames, 301);
-}
-
 TEST(Users, StillObjectsFromTheFirstFrameAndMovedFurnitureNeverGetAnId) {
   Scene scene = room();
   scene.add_person(900.f, 3000.f);  // a statue standing there from the start
@@ -191,16 +171,13 @@ TEST(Users, StillObjectsFromTheFirstFrameAndMovedFurnitureNeverGetAnId) {
   const int chair = scene.add_chair(-300.f, 2200.f);
   const int crate = scene.add_box(600.f, 2000.f, 600.f, 500.f, 800.f);
   SceneEngine run;
-  std::vector<uint16_t> depth = scene.render();
-  run.feed(depth, 60);
+  run.feed(scene.render(), 60);
   // The chair is pushed across the room, the crate is dragged in steps.
   for (int f = 0; f < 150; ++f) {
     if (f < 60) scene.move_object(chair, -300.f + 15.f * float(f), 2200.f + 5.f * float(f));
     if (f >= 60 && f < 90) scene.move_object(crate, 600.f - 25.f * float(f - 60), 2000.f);
-    depth = scene.render();
-    run.feed(depth);
     SCOPED_TRACE(f);
-    check_frame(run, depth);
+    step(run, scene);
     ASSERT_EQ(run.users().active_user_count(), 0);
     ASSERT_EQ(run.count(0), scene.width() * scene.height());
   }
@@ -255,10 +232,8 @@ TEST(Users, ElevenPeopleGiveAtMostTenIds) {
       const float dx = targets[i] - scene.person(p).x;
       if (std::abs(dx) > 1.f) scene.walk_to(p, scene.person(p).x + std::clamp(dx, -20.f, 20.f), scene.person(p).z);
     }
-    const std::vector<uint16_t> depth = scene.render();
-    run.feed(depth);
     SCOPED_TRACE(f);
-    check_frame(run, depth);
+    step(run, scene);
     ASSERT_LE(run.users().active_user_count(), 10);
     most = std::max(most, run.users().active_user_count());
   }
@@ -272,11 +247,9 @@ TEST(Users, TwoPeopleWhoTouchAndSeparateKeepTheirIds) {
   scene.person(b).visible = false;
   SceneEngine run;
   run.feed(scene.render(), 40);
-  int firstA = -1, firstB = -1;
-  uint16_t idA = 0, idB = 0;
-  walk(run, scene, a, -900.f, 2900.f, firstA, idA);
+  const uint16_t idA = walk(run, scene, a, -900.f, 2900.f).id;
   scene.person(b).visible = true;
-  walk(run, scene, b, 900.f, 2900.f, firstB, idB);
+  const uint16_t idB = walk(run, scene, b, 900.f, 2900.f).id;
   ASSERT_NE(idA, 0);
   ASSERT_NE(idB, 0);
   ASSERT_NE(idA, idB);
@@ -291,10 +264,8 @@ TEST(Users, TwoPeopleWhoTouchAndSeparateKeepTheirIds) {
   for (size_t f = 0; f < path.size(); ++f) {
     scene.walk_to(a, -path[f], 2900.f);
     scene.walk_to(b, path[f], 2900.f);
-    const std::vector<uint16_t> depth = scene.render();
-    run.feed(depth);
     SCOPED_TRACE(testing::Message() << "frame " << f << " half gap " << path[f]);
-    check_frame(run, depth);
+    step(run, scene);
     ASSERT_EQ(id_of(run, scene, a), idA);
     ASSERT_EQ(id_of(run, scene, b), idB);
     paired = paired || run.users().user(idA).pairPartner != 0 || run.users().user(idB).pairPartner != 0;
@@ -319,17 +290,13 @@ TEST(Users, APersonWhoPassesBehindAPillarKeepsTheId) {
   SceneEngine run;
   run.feed(scene.render(), 40);
   scene.person(p).visible = true;
-  int first = -1;
-  uint16_t id = 0;
-  walk(run, scene, p, 900.f, 3400.f, first, id);
+  const uint16_t id = walk(run, scene, p, 900.f, 3400.f).id;
   ASSERT_EQ(id, 1);
   bool hidden = false;
   for (int f = 0; f < 90; ++f) {
     scene.walk_to(p, scene.person(p).x - kStep, 3400.f);
-    const std::vector<uint16_t> depth = scene.render();
-    run.feed(depth);
     SCOPED_TRACE(f);
-    check_frame(run, depth);
+    step(run, scene);
     const uint16_t now = id_of(run, scene, p);
     if (now == 0) {
       hidden = hidden || run.users().user(id).labelPixels == 0;
@@ -353,10 +320,8 @@ TEST(Users, APersonComingTowardsTheCameraGetsAnIdSoonAfterComingNearerThanTheCut
   int nearFrame = -1, idFrame = -1;
   for (int f = 0; scene.person(p).z > 2600.f; ++f) {
     scene.walk_to(p, 300.f, scene.person(p).z - kStep);
-    const std::vector<uint16_t> depth = scene.render();
-    run.feed(depth);
     SCOPED_TRACE(f);
-    check_frame(run, depth);
+    step(run, scene);
     if (nearFrame < 0 && scene.person(p).z + 150.f < 4500.f) nearFrame = f;
     const uint16_t id = id_of(run, scene, p);
     if (idFrame < 0 && id != 0) idFrame = f;
@@ -379,36 +344,39 @@ TEST(Users, APersonInTheSceneFromTheFirstFrameGetsAnIdOnlyAfterWalkingOff) {
     SCOPED_TRACE(f);
     ASSERT_EQ(run.users().active_user_count(), 0);
   }
-  int first = -1;
-  uint16_t id = 0;
-  walk(run, scene, p, 600.f, 2800.f, first, id);
-  ASSERT_GE(first, 0);
-  EXPECT_LE(first, 30);
-  EXPECT_EQ(id, 1);
-  expect_coverage(run, scene, p, id, 0.9);
+  const Walk w = walk(run, scene, p, 600.f, 2800.f);
+  ASSERT_GE(w.firstIdFrame, 0);
+  EXPECT_LE(w.firstIdFrame, 30);
+  EXPECT_EQ(w.id, 1);
+  expect_coverage(run, scene, p, w.id, 0.9);
 }
 
-TEST(Users, AUserKeepsTheIdThroughABackgroundReset) {
+TEST(Users, AUserKeepsTheIdThroughABackgroundResetAndIsRemovedOnThe301stFrameWithoutPixels) {
   Scene scene = room();
   const int p = scene.add_person(-2500.f, 2800.f);
   SceneEngine run;
   run.feed(scene.render(), 40);
-  int first = -1;
-  uint16_t id = 0;
-  walk(run, scene, p, -700.f, 2800.f, first, id);
+  const uint16_t id = walk(run, scene, p, -700.f, 2800.f).id;
   ASSERT_EQ(id, 1);
   // The background is rebuilt with the person standing in it; the person then walks on.
   run.engine().reset();
   for (int f = 0; f < 140; ++f) {
     if (f >= 60) scene.walk_to(p, scene.person(p).x + 20.f, 2800.f);
-    const std::vector<uint16_t> depth = scene.render();
-    run.feed(depth);
     SCOPED_TRACE(f);
-    check_frame(run, depth);
+    step(run, scene);
     ASSERT_EQ(id_of(run, scene, p), id);
     ASSERT_EQ(run.users().active_user_count(), 1);
   }
   expect_coverage(run, scene, p, id, 0.85);
+
+  scene.person(p).visible = false;
+  const std::vector<uint16_t> empty = scene.render();
+  int frames = 0;
+  while (run.users().is_active(id) && frames < 400) {
+    run.feed(empty);
+    ++frames;
+  }
+  EXPECT_EQ(frames, 301);
 }
 
 TEST(Users, TwoPeopleWhoComeInTogetherGetTwoIdsOnceApart) {
@@ -420,10 +388,8 @@ TEST(Users, TwoPeopleWhoComeInTogetherGetTwoIdsOnceApart) {
   for (int f = 0; f < 140; ++f) {
     scene.walk_to(a, scene.person(a).x + kStep, 2800.f);
     scene.walk_to(b, scene.person(b).x + (f < 80 ? kStep : -10.f), 2800.f);
-    const std::vector<uint16_t> depth = scene.render();
-    run.feed(depth);
     SCOPED_TRACE(f);
-    check_frame(run, depth);
+    step(run, scene);
     ASSERT_LE(run.users().active_user_count(), 2);
   }
   const uint16_t idA = id_of(run, scene, a), idB = id_of(run, scene, b);

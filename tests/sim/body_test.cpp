@@ -146,13 +146,7 @@ TEST(Body, ShapesVaryOverTheWholeRange) {
 TEST(Motion, EveryScenarioMovesSmoothlyWithinJointLimits) {
   for (const std::string& name : scenario_names()) {
     SCOPED_TRACE(name);
-    ScenarioOptions o;
-    o.name = name;
-    o.frames = 360;
-    o.seed = 21;
-    o.width = 160;
-    o.height = 120;
-    const Scenario sc = Scenario::make(o);
+    const Scenario sc = Scenario::make({.name = name, .width = 160, .height = 120, .frames = 360, .seed = 21});
     for (const Actor& a : sc.actors()) {
       PosedBody prev, cur;
       for (int f = 0; f < sc.frame_count(); ++f) {

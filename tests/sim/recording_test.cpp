@@ -65,14 +65,8 @@ TEST(Png, SixteenAndEightBitImagesRoundTrip) {
 }
 
 Scenario small_scenario(uint64_t seed, bool mirrored = false) {
-  ScenarioOptions o;
-  o.name = "crossing";
-  o.width = 160;
-  o.height = 120;
-  o.frames = 4;
-  o.seed = seed;
-  o.mirrored = mirrored;
-  return Scenario::make(o);
+  return Scenario::make(
+      {.name = "crossing", .width = 160, .height = 120, .frames = 4, .seed = seed, .mirrored = mirrored});
 }
 
 void write_recording(const Scenario& sc, const std::string& dir, std::vector<Frame>* frames = nullptr) {

@@ -23,31 +23,12 @@ struct SceneSetup {
 
 // A level camera 1.2 m above the floor looking along +z into a bare room.
 Scenario test_scene(const SceneSetup& s) {
-  ScenarioOptions o;
-  o.name = "test";
-  o.width = s.width;
-  o.height = s.width * 3 / 4;
-  o.frames = 10;
-  o.mirrored = s.mirrored;
-  CameraSetup cam;
-  cam.width = o.width;
-  cam.height = o.height;
-  cam.position = {0, 1200, 0};
-  cam.mirrored = s.mirrored;
+  const ScenarioOptions o{
+      .name = "test", .width = s.width, .height = s.width * 3 / 4, .frames = 10, .mirrored = s.mirrored};
+  const CameraSetup cam{.width = o.width, .height = o.height, .position = {0, 1200, 0}, .mirrored = s.mirrored};
   Room room;
-  room.x0 = -4000;
-  room.x1 = 4000;
-  room.z0 = -500;
-  room.z1 = s.wallDepth;
-  room.height = 3000;
-  if (s.cabinet) {
-    Furniture f;
-    f.kind = FurnitureKind::Cabinet;
-    f.size = {600, 1800, 400};
-    f.x = 0;
-    f.z = 2500;
-    room.furniture.push_back(f);
-  }
+  room.x0 = -4000, room.x1 = 4000, room.z1 = s.wallDepth, room.height = 3000;
+  if (s.cabinet) room.furniture.push_back({.kind = FurnitureKind::Cabinet, .size = {600, 1800, 400}, .z = 2500});
   std::vector<Actor> actors;
   if (s.person) {
     Actor a;
@@ -60,11 +41,10 @@ Scenario test_scene(const SceneSetup& s) {
   return Scenario(o, cam, room, actors);
 }
 
-SensorOptions ideal_sensor() {
+SensorOptions ideal_sensor(bool shadow = false) {
   SensorOptions s;
-  s.shadow = false;
-  s.dropouts = false;
-  s.noise = false;
+  s.shadow = shadow;
+  s.dropouts = s.noise = false;
   return s;
 }
 
@@ -73,8 +53,7 @@ Vec3 pixel_ray(const skeleton::DepthCameraModel& m, uint32_t x, uint32_t y) {
 }
 
 TEST(Render, EmptyRoomHasKnownDepthsAndRangeLimits) {
-  SceneSetup setup;
-  setup.person = false;
+  SceneSetup setup{.person = false};
   const Scenario sc = test_scene(setup);
   Renderer r(sc, ideal_sensor());
   Frame f;
@@ -109,11 +88,7 @@ TEST(Render, EmptyRoomHasKnownDepthsAndRangeLimits) {
 TEST(Render, DepthsAreShiftTableValuesWithinRange) {
   for (const char* name : {"mixed", "crossing", "sit"}) {
     SCOPED_TRACE(name);
-    ScenarioOptions o;
-    o.name = name;
-    o.frames = 90;
-    o.seed = 4;
-    const Scenario sc = Scenario::make(o);
+    const Scenario sc = Scenario::make({.name = name, .frames = 90, .seed = 4});
     Renderer r(sc);
     const std::set<uint16_t> valid(r.tables().shiftToDepth.begin(), r.tables().shiftToDepth.end());
     Frame f;
@@ -136,12 +111,7 @@ TEST(Render, DepthsAreShiftTableValuesWithinRange) {
 // Each person pixel lies on that person's body, and no other pixel's ray passes through a person.
 TEST(Render, PersonPixelsAreExactlyThePersonsSurface) {
   for (uint64_t seed : {2u, 9u}) {
-    ScenarioOptions o;
-    o.name = "crossing";
-    o.people = 3;
-    o.seed = seed;
-    o.frames = 150;
-    const Scenario sc = Scenario::make(o);
+    const Scenario sc = Scenario::make({.name = "crossing", .people = 3, .frames = 150, .seed = seed});
     Renderer r(sc, ideal_sensor());
     Frame f;
     for (int i : {40, 75, 110}) {
@@ -193,12 +163,7 @@ TEST(Render, PersonPixelsAreExactlyThePersonsSurface) {
 // In any pose, a joint never projects onto scenery that lies behind it, away from its person.
 TEST(Render, JointsNeverFloatOverTheBackground) {
   for (const char* name : {"mixed", "crouch", "kick", "sit", "crossing"}) {
-    ScenarioOptions o;
-    o.name = name;
-    o.frames = 300;
-    o.seed = 31;
-    o.people = std::string(name) == "crossing" ? 3 : 2;
-    const Scenario sc = Scenario::make(o);
+    const Scenario sc = Scenario::make({.name = name, .people = std::string(name) == "crossing" ? 3 : 2, .seed = 31});
     Renderer r(sc, ideal_sensor());
     Frame f;
     for (int i = 0; i < 300; i += 25) {
@@ -280,11 +245,8 @@ std::pair<int, int> shadow_widths(const Frame& f) {
 }
 
 TEST(Render, ProjectorShadowFallsAwayFromTheEmitterAndFlipsWhenMirrored) {
-  SensorOptions sensor = ideal_sensor();
-  sensor.shadow = true;
-  SceneSetup setup;
-  setup.person = false;
-  setup.cabinet = true;
+  const SensorOptions sensor = ideal_sensor(true);
+  SceneSetup setup{.person = false, .cabinet = true};
   const Scenario plain = test_scene(setup);
   Renderer rp(plain, sensor);
   Frame f;
@@ -305,10 +267,7 @@ TEST(Render, ProjectorShadowFallsAwayFromTheEmitterAndFlipsWhenMirrored) {
 }
 
 TEST(Render, SameSeedSameFramesInAnyOrder) {
-  ScenarioOptions o;
-  o.name = "mixed";
-  o.seed = 77;
-  o.frames = 60;
+  ScenarioOptions o{.name = "mixed", .frames = 60, .seed = 77};
   const Scenario a = Scenario::make(o), b = Scenario::make(o);
   Renderer ra(a), rb(b);
   Frame fa5, fa17, fb5, fb17;
@@ -333,12 +292,7 @@ TEST(Render, SameSeedSameFramesInAnyOrder) {
 }
 
 TEST(Render, ReductionKeepsTheNearestDepthOfEachBlock) {
-  ScenarioOptions o;
-  o.name = "wave";
-  o.width = 640;
-  o.height = 480;
-  o.frames = 30;
-  const Scenario sc = Scenario::make(o);
+  const Scenario sc = Scenario::make({.name = "wave", .width = 640, .height = 480, .frames = 30});
   Renderer r(sc);
   Frame big, small;
   r.render(20, big);
@@ -360,12 +314,7 @@ TEST(Render, ReductionKeepsTheNearestDepthOfEachBlock) {
 TEST(Scenarios, EveryNameBuildsAndRenders) {
   for (const std::string& name : scenario_names()) {
     SCOPED_TRACE(name);
-    ScenarioOptions o;
-    o.name = name;
-    o.width = 160;
-    o.height = 120;
-    o.frames = 300;
-    const Scenario sc = Scenario::make(o);
+    const Scenario sc = Scenario::make({.name = name, .width = 160, .height = 120});
     if (name == "empty-room") {
       EXPECT_TRUE(sc.actors().empty());
     } else if (name == "crossing") {
@@ -387,21 +336,12 @@ TEST(Scenarios, EveryNameBuildsAndRenders) {
       EXPECT_EQ(last.people[0].pixels, 0u);
     }
   }
-  ScenarioOptions bad;
-  bad.name = "dance";
-  EXPECT_THROW(Scenario::make(bad), std::invalid_argument);
-  bad.name = "wave";
-  bad.width = 300;
-  EXPECT_THROW(Scenario::make(bad), std::invalid_argument);
+  EXPECT_THROW(Scenario::make({.name = "dance"}), std::invalid_argument);
+  EXPECT_THROW(Scenario::make({.name = "wave", .width = 300}), std::invalid_argument);
 }
 
 TEST(Scenarios, FurnitureMovesWhileSomeoneWalksAlong) {
-  ScenarioOptions o;
-  o.name = "furniture-moved";
-  o.width = 160;
-  o.height = 120;
-  o.frames = 450;
-  const Scenario sc = Scenario::make(o);
+  const Scenario sc = Scenario::make({.name = "furniture-moved", .width = 160, .height = 120, .frames = 450});
   const auto moving = std::count_if(sc.room().furniture.begin(), sc.room().furniture.end(),
                                     [](const Furniture& f) { return f.moves(); });
   ASSERT_EQ(moving, 1);
@@ -411,7 +351,7 @@ TEST(Scenarios, FurnitureMovesWhileSomeoneWalksAlong) {
   f.placement_at(0.f, x0, z0, y0);
   f.placement_at(100.f, x1, z1, y1);
   EXPECT_GT(length(Vec3{x1 - x0, 0, z1 - z0}), 300.f);
-  EXPECT_LT(f.moveEnd, sc.time_of(o.frames));
+  EXPECT_LT(f.moveEnd, sc.time_of(450));
 }
 
 }  // namespace

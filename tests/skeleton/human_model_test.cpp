@@ -6,6 +6,7 @@
 
 #include "segmentation/depth_conversion.h"
 #include "skeleton/geometry.h"
+#include "support/throws.h"
 
 namespace quorvik::skeleton {
 namespace {
@@ -120,21 +121,12 @@ TEST(HumanModelTest, LengthChangeMovesDescendants) {
 
 TEST(HumanModelTest, Errors) {
   HumanModel empty;
-  try {
-    empty.find(B::Neck);
-    FAIL();
-  } catch (const std::logic_error& e) {
-    EXPECT_STREQ(e.what(), "HumanModel: Bone not found");
-  }
+  EXPECT_THAT([&] { empty.find(B::Neck); }, support::throws_logic_error("HumanModel: Bone not found"));
   std::vector<BoneDefinition> definitions = default_bone_definitions();
   definitions.erase(definitions.begin() + 7);
   HumanModel model;
-  try {
-    model.set_bones(definitions);
-    FAIL();
-  } catch (const std::logic_error& e) {
-    EXPECT_STREQ(e.what(), "HumanModel::set_bones() HumanBoneType definition not found");
-  }
+  EXPECT_THAT([&] { model.set_bones(definitions); },
+              support::throws_logic_error("HumanModel::set_bones() HumanBoneType definition not found"));
   // Setting the bones again replaces every bone and keeps the order.
   HumanModel again = make_default_model();
   again.find(B::Neck).length = 1.f;

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include "support/posed_body.h"
+#include "support/throws.h"
 
 namespace quorvik::skeleton {
 namespace {
@@ -169,12 +170,7 @@ TEST(LabelForceTest, EmptyExtentAndMissingProposal) {
   EXPECT_EQ(proposals.size(), static_cast<size_t>(kBoneCount));
   EXPECT_FALSE(any_proposal(proposals));
   proposals.erase(B::Neck);
-  try {
-    proposals.at(B::Neck);
-    FAIL();
-  } catch (const std::logic_error& e) {
-    EXPECT_STREQ(e.what(), "HumanProposal: Unsupported HumanBoneType");
-  }
+  EXPECT_THAT([&] { proposals.at(B::Neck); }, support::throws_logic_error("HumanProposal: Unsupported HumanBoneType"));
   HumanModel empty;
   EXPECT_THROW(force.generate(img.labels, img.points, img.userIds, kUser, img.box, empty), std::logic_error);
 }

@@ -7,6 +7,7 @@
 
 #include "support/posed_body.h"
 #include "skeleton/target_extractor.h"
+#include "support/throws.h"
 
 namespace quorvik::skeleton {
 namespace {
@@ -58,12 +59,8 @@ TEST(ModelConverterTest, ModelFromJointPositions) {
     EXPECT_TRUE(rebuilt.find(b).measured);
   }
 
-  try {
-    converter.model_from_joint_positions({{J::MidSpine, 1, {}}, {J::LeftElbow, 1, {}}});
-    FAIL();
-  } catch (const std::logic_error& e) {
-    EXPECT_STREQ(e.what(), "Proximal position not found for non-root distal joint");
-  }
+  EXPECT_THAT([&] { converter.model_from_joint_positions({{J::MidSpine, 1, {}}, {J::LeftElbow, 1, {}}}); },
+              support::throws_logic_error("Proximal position not found for non-root distal joint"));
 }
 
 TEST(ModelConverterTest, CandidatesFromProposals) {

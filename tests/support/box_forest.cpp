@@ -1,5 +1,8 @@
 #include "support/box_forest.h"
 
+#include <unistd.h>
+
+#include <filesystem>
 #include <fstream>
 
 #include "forest/forest_writer.h"
@@ -20,6 +23,16 @@ void write(const std::string& path) {
            leaf_record(1), split_record(5, kRelativeX, 0, 0.5f), leaf_record(2), leaf_record(3)});
   w.distributions({{{6}, {65535}}, {{17}, {65535}}, {{9}, {65535}}, {{12}, {65535}}});
   w.end();
+}
+
+const std::string& file() {
+  static const std::string path = [] {
+    const auto name = "qbt-box-forest-" + std::to_string(getpid()) + ".data";
+    const std::string p = (std::filesystem::temp_directory_path() / name).string();
+    write(p);
+    return p;
+  }();
+  return path;
 }
 
 }  // namespace box_forest

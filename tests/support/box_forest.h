@@ -9,4 +9,7 @@ namespace box_forest {
 
 void write(const std::string& path);
 
+// The forest in a temporary file of this process's own, written on the first call.
+const std::string& file();
+
 }  // namespace box_forest

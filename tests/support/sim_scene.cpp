@@ -57,32 +57,23 @@ void Scene::render(std::vector<uint16_t>& depth, std::vector<uint8_t>& person) c
   if (!haveCache_ || !(cached_ == state_)) {
     // Walls, ceiling and the sides that are not asked for lie beyond the sensor's range.
     constexpr float kFar = 20000.f;
-    sim::ScenarioOptions options;
-    options.width = uint32_t(width_), options.height = uint32_t(height_), options.frames = 1;
-    sim::CameraSetup camera;
-    camera.width = options.width, camera.height = options.height;
-    camera.position = {0.f, heightMm_, 0.f};
-    camera.pitch = pitch_;
+    const sim::ScenarioOptions options{.width = uint32_t(width_), .height = uint32_t(height_), .frames = 1};
+    const sim::CameraSetup camera{
+        .width = options.width, .height = options.height, .position = {0.f, heightMm_, 0.f}, .pitch = pitch_};
     sim::Room room;
     room.x0 = -kFar, room.x1 = kFar, room.z0 = -500.f, room.height = kFar;
     room.z1 = state_.wall > 0 ? state_.wall : kFar;
     for (const Object& o : state_.objects) {
-      sim::Furniture f;
-      f.kind = o.chair ? sim::FurnitureKind::Chair : sim::FurnitureKind::Cabinet;
-      f.size = {o.sizeX, o.sizeY, o.sizeZ};
-      f.x = o.x, f.z = o.z;
-      room.furniture.push_back(f);
+      const auto kind = o.chair ? sim::FurnitureKind::Chair : sim::FurnitureKind::Cabinet;
+      room.furniture.push_back({.kind = kind, .size = {o.sizeX, o.sizeY, o.sizeZ}, .x = o.x, .z = o.z});
     }
     std::vector<sim::Actor> actors;
     for (size_t i = 0; i < state_.people.size(); ++i) {
       const Person& p = state_.people[i];
       if (!p.visible) continue;
-      sim::BodyShape shape;
-      shape.height = p.height;
-      sim::Actor a;
-      a.id = uint8_t(i + 1);
-      a.shape = shape;
-      a.timeline = sim::Timeline(shape, p.x, p.z, sim::kPi, p.phase);  // facing the camera
+      const sim::BodyShape shape{.height = p.height};
+      // Facing the camera.
+      sim::Actor a{.id = uint8_t(i + 1), .shape = shape, .timeline = sim::Timeline(shape, p.x, p.z, sim::kPi, p.phase)};
       a.timeline.stand(1.f);
       actors.push_back(a);
     }
@@ -186,6 +177,13 @@ quorvik::legacy::LabelOutput SceneEngine::feed(const std::vector<uint16_t>& dept
 int SceneEngine::count(uint16_t id) const {
   int n = 0;
   for (size_t i = 0; i < size_t(labels_.width) * labels_.height; ++i) n += labels_.data[i] == id ? 1 : 0;
+  return n;
+}
+
+int SceneEngine::foreground_count() const {
+  const auto& fg = engine_->background().foreground;
+  int n = 0;
+  for (int32_t i = 0; i < fg.size(); ++i) n += fg[i] != 0;
   return n;
 }
 

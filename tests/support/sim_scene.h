@@ -105,13 +105,16 @@ class SceneEngine {
   quorvik::legacy::LabelOutput feed(const std::vector<uint16_t>& depth, int times = 1);
 
   quorvik::legacy::SegmentationEngine& engine() { return *engine_; }
+  quorvik::legacy::SegmentationFormat& format() { return format_; }
+  const quorvik::legacy::ConversionTableRef& tables() const { return tables_; }
   const quorvik::legacy::UserSegmenter& users() const { return engine_->users(); }
   uint16_t label(int x, int y) const { return labels_.data[size_t(y) * labels_.width + size_t(x)]; }
   // Number of pixels carrying the id in the latest label map.
   int count(uint16_t id) const;
   // The id covering most labelled pixels inside the rectangle, 0 when none.
   uint16_t dominant_id(int x0, int y0, int x1, int y1, const std::vector<uint8_t>* mask = nullptr) const;
-  uint64_t frames() const { return index_; }
+  // Pixels the background model holds in front of the background.
+  int foreground_count() const;
 
  private:
   std::unique_ptr<quorvik::legacy::SegmentationEngine> engine_;

@@ -9,17 +9,6 @@
 namespace quorvik::skeleton {
 namespace {
 
-TEST(Reduction, SmallestNonZeroWinsAndSameSizeIsACopy) {
-  std::vector<uint16_t> pixels = {0, 3000, 2000, 0, /* row 2 */ 2500, 0, 0, 0};
-  op::Image<uint16_t> one(2, 1);
-  reduce_min_nonzero(pixels.data(), 4, 2, one);
-  EXPECT_EQ(one.at(0, 0), 2500);
-  EXPECT_EQ(one.at(1, 0), 2000);
-  op::Image<uint16_t> same(4, 2);
-  reduce_min_nonzero(pixels.data(), 4, 2, same);
-  for (size_t i = 0; i < pixels.size(); ++i) EXPECT_EQ(same[i], pixels[i]);
-}
-
 TEST(Reduction, AgreesWithAPlainSignedMinimumOnEdgeValues) {
   // Zero (no measurement), 32767 (never beats the initial best) and values above 32767
   // (negative as signed depths, so they win) mixed with ordinary depths.

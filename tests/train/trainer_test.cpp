@@ -23,22 +23,11 @@ namespace {
 using skeleton::DecisionForest;
 using skeleton::DecisionTree;
 
-SetOptions small_set(uint32_t frames) {
-  SetOptions o;
-  o.frames = frames;
-  o.framesPerScenario = 5;
-  o.threads = 2;
-  return o;
+SetOptions small_set(uint32_t frames, uint32_t threads = 2) {
+  return {.frames = frames, .framesPerScenario = 5, .threads = threads};
 }
 
-TreeOptions small_tree() {
-  TreeOptions o;
-  o.maxDepth = 8;
-  o.offsetCandidates = 40;
-  o.thresholds = 8;
-  o.threads = 2;
-  return o;
-}
+TreeOptions small_tree() { return {.maxDepth = 8, .offsetCandidates = 40, .thresholds = 8, .threads = 2}; }
 
 std::vector<uint8_t> bytes_of(DecisionTree tree) {
   std::vector<std::unique_ptr<DecisionTree>> trees;
@@ -55,11 +44,7 @@ std::vector<uint32_t> all_samples(const TrainingSet& set) {
 // The trainer must see exactly the values the classifier will compute, or the learned
 // thresholds mean nothing at run time.
 TEST(TrainingSet, ProbeImagesAgreeWithTheClassifiersProbe) {
-  sim::ScenarioOptions so;
-  so.name = "crossing";
-  so.seed = 3;
-  so.frames = 60;
-  const sim::Scenario scenario = sim::Scenario::make(so);
+  const sim::Scenario scenario = sim::Scenario::make({.name = "crossing", .frames = 60, .seed = 3});
   sim::Renderer renderer(scenario);
   sim::Frame frame, small;
   sim::Rng rng(5);
@@ -134,9 +119,7 @@ TEST(TrainingSet, KeepsAFewPixelsOfEveryPartAndWeighsPartsEqually) {
     }
   }
   // Same options, same set, whatever the number of threads.
-  SetOptions one = small_set(30);
-  one.threads = 1;
-  const TrainingSet again = make_training_set(one);
+  const TrainingSet again = make_training_set(small_set(30, 1));
   ASSERT_EQ(again.samples.size(), set.samples.size());
   for (size_t i = 0; i < set.samples.size(); ++i) {
     ASSERT_EQ(again.samples[i].x, set.samples[i].x);
@@ -247,12 +230,8 @@ TEST(ForestTrainer, BootstrapsImagesAndResumesFromItsWorkFolder) {
 
   const std::filesystem::path dir = std::filesystem::temp_directory_path() / "qbt_forest_trainer_test";
   std::filesystem::remove_all(dir);
-  ForestOptions o;
-  o.trees = 2;
-  o.tree = small_tree();
+  ForestOptions o{.trees = 2, .tree = small_tree(), .workDir = dir.string(), .fingerprint = "run 1"};
   o.tree.maxDepth = 5;
-  o.workDir = dir.string();
-  o.fingerprint = "run 1";
   std::vector<uint32_t> resumed;
   auto note = [&](const ForestProgress& p) {
     if (p.resumed) resumed.push_back(p.tree);

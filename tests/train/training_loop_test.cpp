@@ -24,25 +24,18 @@ constexpr bool kInstrumented = false;
 #endif
 
 TEST(TrainingLoop, SmallForestTracksAWalkerTrainingNeverSaw) {
-  SetOptions so;
-  so.frames = kInstrumented ? 100 : 2500;
-  so.threads = 2;
-  const TrainingSet set = make_training_set(so);
+  const TrainingSet set = make_training_set({.frames = kInstrumented ? 100u : 2500u, .threads = 2});
   ForestOptions fo;
   fo.trees = 1;
-  fo.tree.maxDepth = kInstrumented ? 6 : 12;
-  fo.tree.offsetCandidates = kInstrumented ? 30 : 200;
-  fo.tree.threads = 2;
+  fo.tree = {.maxDepth = kInstrumented ? 6u : 12u, .offsetCandidates = kInstrumented ? 30u : 200u, .threads = 2};
   const std::filesystem::path path = std::filesystem::temp_directory_path() / "qbt_training_loop.data";
   ASSERT_TRUE(skeleton::write_forest_file(train_forest(set, fo), path.string()));
   auto loaded = skeleton::load_forest(path.string());
   std::filesystem::remove(path);
   ASSERT_TRUE(loaded.is_ok());
 
-  sim::ScenarioOptions walk;
-  walk.name = "walk-in";
-  walk.seed = 11;  // held out: training seeds start at 1000000
-  walk.frames = 150;
+  // Seed 11 is held out: training seeds start at 1000000.
+  const sim::ScenarioOptions walk{.name = "walk-in", .frames = 150, .seed = 11};
   const sim::Scenario scenario = sim::Scenario::make(walk);
   sim::Renderer renderer(scenario);
   skeleton::BodyTracker tracker(skeleton::TrackerOptions{}, loaded.unwrap(), 160, 120);
