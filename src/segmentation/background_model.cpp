@@ -435,6 +435,13 @@ void BackgroundModel::take_region(const Array2D<uint16_t>& shift, const Array2D<
   newBackground.newest() += static_cast<uint32_t>(std::max(weight, 0));
 }
 
+void BackgroundModel::take_pixels(const Array2D<uint16_t>& shift, const Array2D<uint8_t>& mask) {
+  if (mask.width() != width || mask.height() != height) return;
+  for (int32_t i = 0; i < pixelCount; ++i) {
+    if (mask[i] != 0 && shift[i] != 0) background[i] = shift[i], forgotten[i] = 0;
+  }
+}
+
 void BackgroundModel::forget(const Array2D<uint16_t>& labels, uint16_t id) {
   if (!labels.same_shape(background)) return;
   for (int32_t i = 0; i < pixelCount; ++i) {

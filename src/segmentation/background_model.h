@@ -53,6 +53,8 @@ class BackgroundModel {
   // The background under the pixels labelled `id` becomes unknown. Where such a pixel then
   // belongs to nobody and holds still for kRelearnFrames, absorb() learns it at once: the
   // person who stood there has moved on.
+  // Learns the pixels set in `mask` at once: an object that was taken for a user and let go.
+  void take_pixels(const Array2D<uint16_t>& shift, const Array2D<uint8_t>& mask);
   void forget(const Array2D<uint16_t>& labels, uint16_t id);
   // Foreground that belongs to nobody for kAbsorbFrames frames in a row becomes background.
   void absorb(const Array2D<uint16_t>& shift, const Array2D<uint16_t>& labels);

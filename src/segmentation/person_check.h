@@ -11,8 +11,12 @@
 
 namespace quorvik::legacy {
 
-// `mask` is 1 on the proposal's pixels, at the engine's size. True when they look like a
-// person (head above shoulders above hips and legs, confidently labelled).
-using PersonCheck = std::function<bool(const Array2D<uint8_t>& mask)>;
+struct PersonReading {
+  bool person = false;    // head above shoulders above hips and legs, confidently labelled
+  double headShare = 0;   // of the labelled pixels, read as a head
+};
+
+// `mask` is 1 on the proposal's pixels, at the engine's size.
+using PersonCheck = std::function<PersonReading(const Array2D<uint8_t>& mask)>;
 
 }  // namespace quorvik::legacy

@@ -77,6 +77,8 @@ LabelOutput SegmentationEngine::process(const SegmentationFrame& frame) {
   // A person found standing still had been learnt as background: what lies behind them is
   // not known, which makes them foreground like anyone who walked in.
   if (const int32_t id = users_.still_user_found(); id != 0) background_.forget(users_.label_map(), uint16_t(id));
+  // Furniture let go of as no person is the room from now on, before it can join anyone.
+  if (users_.object_dropped()) background_.take_pixels(input_.shift(0), users_.object_mask());
   background_.absorb(input_.shift(0), users_.label_map());
   publish_labels();
   return labels_;

@@ -149,6 +149,7 @@ void UserSegmenter::stage2(DepthFrameInput&, std::span<const TrackedCandidate> c
   relabel();
   measure_users();
   check_shapes();
+  drop_still_objects();
 }
 
 void UserSegmenter::build_labelling_images(DepthFrameInput& input, const Array2D<uint8_t>& floorMask, bool hasFloor,

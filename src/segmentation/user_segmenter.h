@@ -101,6 +101,10 @@ struct UserRecord {
   int32_t framesUnseen = 0;  // frames in a row without a single pixel
   bool seen = false;         // position holds a real sighting
   bool shapeFlag = false;    // static and too small to be a person
+  int32_t stillFrames = 0;    // frames in a row without a change in its regions
+  uint64_t nextObjectCheck = 0;
+  int32_t objectNo = 0;       // no answers in a row while short and still
+  int32_t peakPixels = 0;     // the most pixels it ever had
 
   bool append(int32_t region) {
     if (regionCount >= kMaxRegions) return false;
@@ -181,6 +185,8 @@ class UserSegmenter {
   const Array2D<uint16_t>& previous_label_map() const { return labelRing_.back(1); }
   std::span<const HandedBackRegion> regions_handed_back() const { return {handedBack_, size_t(handedBackCount_)}; }
   // The user found standing still this frame (0 = none).
+  bool object_dropped() const { return objectDropped_; }
+  const Array2D<uint8_t>& object_mask() const { return objectMask_; }
   int32_t still_user_found() const { return seedUser_ != 0 && users_[seedUser_].active ? seedUser_ : 0; }
   std::span<const Box3D<int>> active_user_boxes() const { return {userBoxes_, size_t(userBoxCount_)}; }
 
@@ -230,6 +236,8 @@ class UserSegmenter {
   void relabel();
   void measure_users();
   void check_shapes();
+  void drop_still_objects();
+  bool hidden_below(int32_t id) const;
 
   // Bookkeeping shared by the steps (user_segmenter.cpp).
   int32_t create_user();
@@ -308,6 +316,8 @@ class UserSegmenter {
 
   PersonCheck personCheck_;
   StillProposal still_[kMaxStill];
+  Array2D<uint8_t> objectMask_;  // a short, still user asked about
+  bool objectDropped_ = false;   // this frame, with its pixels in objectMask_
   Array2D<uint8_t> stillMask_;  // the proposal asked about
   int32_t seedUser_ = 0;        // a user found this frame, given stillMask_ in the relabel
   FloorShiftPlane floorPlane_;

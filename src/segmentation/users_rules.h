@@ -67,6 +67,12 @@
 // 40,000 mm2 (or that is the second of a pair) goes on probation; one older than 30 frames
 // whose pixels are under 500 mm tall carries the static-blob flag, which lets the hand-back
 // release its static regions.
+//
+// Still objects: an older user under 1000 mm tall (and never 1400 mm) whose regions have
+// stayed 95 percent unchanged for 15 frames, that has not shrunk to less than half of its
+// most pixels and is not hidden at its lower edge by something 200 mm nearer, is put to the
+// person check every 4 frames; two no answers in a row with under 3 percent of its labels a
+// head remove it, and the background learns its pixels (pushed furniture left standing).
 
 #include <cstdint>
 
@@ -105,6 +111,15 @@ inline constexpr double kFragmentGap = 100;           // mm
 inline constexpr int32_t kDoubtfulHeight = 800;       // mm; a young user this short is on probation
 inline constexpr int64_t kDoubtfulArea = 40000;       // mm2
 inline constexpr int32_t kStaticBlobHeight = 500;     // mm; an older user this short is flagged
+inline constexpr int32_t kObjectStillFrames = 15;     // a short user this still is asked about
+inline constexpr int32_t kObjectStillPerMille = 950;  // of its area unchanged, for a still frame
+inline constexpr int32_t kObjectTallest = 1400;       // mm; a user once this tall is a person
+inline constexpr double kObjectHeadShare = 0.03;     // of its labelled pixels read as a head: a person
+inline constexpr int32_t kObjectNo = 2;               // no answers in a row remove it
+inline constexpr int32_t kObjectWait = 4;             // frames between questions
+inline constexpr int32_t kHiddenRows = 3;             // rows below a user's lower edge looked at
+inline constexpr int32_t kHiddenDepth = 200;          // mm nearer than the user: something in front
+inline constexpr int32_t kHiddenPercent = 30;         // of the lower edge's columns: partly hidden
 
 // New-user search.
 inline constexpr int64_t kRegionMinArea = 500;        // mm2

@@ -302,7 +302,7 @@ void UserSegmenter::find_still_people() {
     }
     // One question to the forest per frame at most.
     asked = true;
-    if (!personCheck_(stillMask_)) {
+    if (!personCheck_(stillMask_).person) {
       ++p->no;
       p->yes = 0;
       p->nextCheck = frame_ + uint64_t(std::min(kStillFirstWait << std::min(p->no - 1, 4), kStillLongestWait));

@@ -172,4 +172,91 @@ void UserSegmenter::check_shapes() {
   }
 }
 
+// Whether something nearer stands below much of the user's lower edge: a person behind a
+// chair or a table shows only their top, and is short only because of it.
+bool UserSegmenter::hidden_below(int32_t id) const {
+  const Array2D<uint16_t>& labels = labelRing_.back(0);
+  const Box3D<int>& b = users_[id].labelBox;
+  auto depth_at = [&](int32_t x, int32_t y) {
+    const int32_t d = labellingDepth_.row(y)[x];
+    return d == 0 || d >= kZeroDepth ? 0 : (d >= kPushDepth ? d - kPushDepth : d);
+  };
+  int32_t columns = 0, hidden = 0;
+  for (int32_t x = b.minX; x <= b.maxX; ++x) {
+    int32_t lowest = -1;
+    for (int32_t y = b.maxY; y >= b.minY && lowest < 0; --y) lowest = labels.row(y)[x] == id ? y : -1;
+    if (lowest < 0) continue;
+    ++columns;
+    const int32_t own = depth_at(x, lowest);
+    for (int32_t y = lowest + 1; y <= std::min(lowest + kHiddenRows, height_ - 1); ++y) {
+      const int32_t d = depth_at(x, y);
+      if (d == 0) continue;
+      hidden += own - d > kHiddenDepth ? 1 : 0;
+      break;
+    }
+  }
+  return hidden * 100 >= columns * kHiddenPercent;
+}
+
+// Furniture that was pushed joins the pusher's regions, or is taken for someone while it moves,
+// and stays behind when the pusher walks off, where nothing of it changes any more. A user
+// shorter than a person that has not changed for half a second is put to the person check, as
+// a still proposal is, unless it is a person in part: one who has shrunk to less than half of
+// the most they showed or stands behind something nearer (going behind a chair), or who was
+// once seen at a standing person's height (crouching and keeping still). Two no answers in a
+// row without a head remove it, and the room learns its pixels at once.
+void UserSegmenter::drop_still_objects() {
+  objectDropped_ = false;
+  if (!personCheck_) return;
+  bool asked = false, removed = false;
+  for (int32_t id = 1; id <= kMaxUsers; ++id) {
+    UserRecord& user = users_[id];
+    if (!user.active) continue;
+    int64_t weight = 0, unchanged = 0;
+    for (int32_t i = 0; i < user.regionCount; ++i) {
+      weight += regions_[user.regions[i]].weight;
+      unchanged += regions_[user.regions[i]].unchangedWeight;
+    }
+    user.peakPixels = std::max(user.peakPixels, user.labelPixels);
+    const bool still = weight > 0 && unchanged * 1000 >= weight * kObjectStillPerMille;
+    user.stillFrames = still ? user.stillFrames + 1 : 0;
+    if (!still) user.objectNo = 0;
+    if (asked || objectDropped_ || user.age <= kProbationAge || user.stillFrames < kObjectStillFrames ||
+        user.worldHeight >= kPersonHeight || frame_ < user.nextObjectCheck || user.labelPixels == 0 ||
+        user.labelPixels * 2 < user.peakPixels || user.maxWorldHeight >= kObjectTallest) {
+      continue;
+    }
+    if (hidden_below(id)) continue;
+    asked = true;
+    const Array2D<uint16_t>& labels = labelRing_.current();
+    objectMask_.resize(width_, height_);
+    for (int32_t y = 0; y < height_; ++y) {
+      const uint16_t* l = labels.row(y);
+      uint8_t* m = objectMask_.row(y);
+      for (int32_t x = 0; x < width_; ++x) m[x] = l[x] == id ? 1 : 0;
+    }
+    // A person who crouches or sits still may not read as a whole body, but shows a head.
+    if (const PersonReading reading = personCheck_(objectMask_);
+        reading.person || reading.headShare >= kObjectHeadShare) {
+      user.objectNo = 0;
+      user.stillFrames = 0;
+      continue;
+    }
+    user.nextObjectCheck = frame_ + kObjectWait;
+    if (++user.objectNo < kObjectNo) continue;
+    remove_user(id);
+    removed = objectDropped_ = true;
+    Array2D<uint16_t>& out = labelRing_.current();
+    for (int32_t y = 0; y < height_; ++y) {
+      uint16_t* l = out.row(y);
+      for (int32_t x = 0; x < width_; ++x) l[x] = l[x] == id ? kNobody : l[x];
+    }
+  }
+  if (!removed) return;
+  userBoxCount_ = 0;
+  for (int32_t id = 1; id <= kMaxUsers; ++id) {
+    if (users_[id].active && users_[id].labelPixels > 0) userBoxes_[userBoxCount_++] = users_[id].labelBox;
+  }
+}
+
 }  // namespace quorvik::legacy

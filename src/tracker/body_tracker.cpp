@@ -221,9 +221,9 @@ void BodyTracker::update_user(TrackedUser& user, const Body* previous, const std
   }
 }
 
-bool BodyTracker::reads_as_person(const legacy::Array2D<uint8_t>& mask) {
+legacy::PersonReading BodyTracker::reads_as_person(const legacy::Array2D<uint8_t>& mask) {
   const uint32_t w = depth_.width(), h = depth_.height();
-  if (mask.width() != int32_t(w) || mask.height() != int32_t(h)) return false;
+  if (mask.width() != int32_t(w) || mask.height() != int32_t(h)) return {};
   constexpr uint16_t kProposal = 1;
   for (uint32_t y = 0; y < h; ++y) {
     const uint8_t* m = mask.row(int32_t(y));
@@ -262,14 +262,14 @@ bool BodyTracker::reads_as_person(const legacy::Array2D<uint8_t>& mask) {
     }
   }
   const double n = count[kOther] + count[kHead] + count[kUpper] + count[kLower];
-  if (n < kCheckMinPixels) return false;
+  if (n < kCheckMinPixels) return {};
   for (size_t b = 0; b < 4; ++b) rows[b] = count[b] > 0 ? rows[b] / count[b] : 0;
   const bool layout = count[kHead] >= kCheckHeadShare * n && count[kUpper] >= kCheckUpperShare * n &&
                       count[kLower] >= kCheckLowerShare * n && rows[kHead] < rows[kUpper] && rows[kUpper] < rows[kLower];
   const bool confident = probability / n >= kCheckConfidence;
   logger_->debug("BodyTracker person check: {} pixels, head {:.2f} upper {:.2f} lower {:.2f}, mean probability {:.2f}",
                  n, count[kHead] / n, count[kUpper] / n, count[kLower] / n, probability / n);
-  return layout && confident;
+  return {layout && confident, count[kHead] / n};
 }
 
 void BodyTracker::follow_facing(TrackedUser& user) {

@@ -79,7 +79,7 @@ class BodyTracker {
                    std::vector<Body>& newBodies);
   void reduce(uint32_t width, uint32_t height, const uint16_t* pixels);
   // Whether the forest reads the masked pixels of this frame as one upright person.
-  bool reads_as_person(const legacy::Array2D<uint8_t>& mask);
+  legacy::PersonReading reads_as_person(const legacy::Array2D<uint8_t>& mask);
   // Follows which way the user faces and, while they face away, gives the body-part labels
   // of their pixels the sides they really have.
   void follow_facing(TrackedUser& user);
