@@ -96,6 +96,7 @@ class FrameClassifier {
   std::vector<uint16_t> target_labels_;
   std::vector<uint8_t> label_bits_ = std::vector<uint8_t>(65536, 0);  // PixelFlags per segment label
   std::vector<op::Image<uint32_t>> node_images_;                        // one per tree
+  ProbeImage probes_;
   op::HelpGauge gauge_;  // whether the pool's workers currently help
   std::shared_ptr<spdlog::logger> logger_;
 };
