@@ -13,6 +13,8 @@ class ThreadPool;
 
 namespace quorvik::skeleton {
 
+struct FeatureTable;
+
 // User-id value written into every pixel a pass classifies or fills, so that the pass's
 // pixels can be found afterwards and given their final id.
 inline constexpr uint8_t kUnresolvedUser = 255;
@@ -37,6 +39,7 @@ struct ClassifyParams {
   uint8_t marker = kUnresolvedUser;
   op::ThreadPool* pool = nullptr;
   const ProbeImage* probes = nullptr;           // of this context box; null: built where needed
+  const FeatureTable* features = nullptr;       // of `statistics`; null: built where needed
 };
 
 }  // namespace quorvik::skeleton

@@ -170,6 +170,8 @@ void FrameClassifier::classify_segments(const op::Image<uint16_t>& depth,
   params.pool = &pool;
   probes_.build(depth, working_flags_, context_box);
   params.probes = &probes_;
+  features_.build(statistics, width, height);
+  params.features = &features_;
 
   // 5. Coarse to fine: classify the grid, then copy each result to the half-step pixels
   // between grid points whose labels agree.

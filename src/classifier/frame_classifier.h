@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "classifier/classify_params.h"
+#include "classifier/depth_features.h"
 #include "classifier/packed_forest.h"
 #include "classifier/user_statistics.h"
 #include "forest/decision_forest.h"
@@ -97,6 +98,7 @@ class FrameClassifier {
   std::vector<uint8_t> label_bits_ = std::vector<uint8_t>(65536, 0);  // PixelFlags per segment label
   std::vector<op::Image<uint32_t>> node_images_;                        // one per tree
   ProbeImage probes_;
+  FeatureTable features_;
   op::HelpGauge gauge_;  // whether the pool's workers currently help
   std::shared_ptr<spdlog::logger> logger_;
 };

@@ -53,6 +53,10 @@ KernelFrame make_frame(const op::Image<uint16_t>& depth, const ClassifyParams& p
   const bool probed = params.probes != nullptr && !params.probes->values.empty();
   frame.probes = probed ? params.probes->values.data() : nullptr;
   frame.probe_stride = probed ? params.probes->stride : 0;
+  const FeatureTable* table = params.features;
+  frame.feature_columns = table != nullptr ? table->columns.data() : nullptr;
+  frame.feature_rows = table != nullptr ? table->rows.data() : nullptr;
+  frame.feature_constants = table != nullptr ? table->constants : nullptr;
   return frame;
 }
 
@@ -149,6 +153,11 @@ int32_t evaluate_tree_with(KernelEntry entry, const KernelTree& tree,
   if (probed.probes == nullptr) {
     probes.build(depth, *params.working_flags, params.context_box);
     probed.probes = &probes;
+  }
+  FeatureTable features;
+  if (probed.features == nullptr && probed.statistics != nullptr) {
+    features.build(*params.statistics, depth.width(), depth.height());
+    probed.features = &features;
   }
   const KernelFrame frame = make_frame(depth, probed);
   return entry(tree, frame, node_index.data());

@@ -52,6 +52,11 @@ struct KernelFrame {
   // the ring then needs one read, where the flags take a box test, a flag read and a choice.
   const int16_t* probes;
   int32_t probe_stride;
+  // Kinds 1 to 12 read from a FeatureTable (columns, rows, constants), or null to call
+  // get_frame_feature_value.
+  const float* feature_columns;
+  const float* feature_rows;
+  const float* feature_constants;
 };
 
 // What the probe image holds off the context: the background depth.
