@@ -39,9 +39,11 @@ void mark_pass_pixels(op::Image<uint8_t>& user_ids, uint8_t id, const RegionBox&
 }  // namespace
 
 FrameClassifier::FrameClassifier(const DecisionForest* forest)
-    : forest_(forest),
-      packed_(forest != nullptr ? std::make_unique<PackedForest>(*forest) : nullptr),
+    : packed_(forest != nullptr ? std::make_unique<PackedForest>(*forest) : nullptr),
       logger_(op::get_logger("FrameClassifier")) {}
+
+FrameClassifier::FrameClassifier(DecisionForest&& forest)
+    : packed_(std::make_unique<PackedForest>(std::move(forest))), logger_(op::get_logger("FrameClassifier")) {}
 
 FrameClassifier::~FrameClassifier() = default;
 

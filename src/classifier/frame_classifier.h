@@ -42,11 +42,16 @@ class FrameClassifier {
   // Threads of the pool that can run at once, at least, for a level to be split among them.
   uint64_t splitThreads = 4;
 
-  // The forest must outlive the classifier.
+  // Classifies with a packed copy of the forest (none without one): the forest itself may
+  // go once the classifier is built, and with it the dense leaves, most of its memory.
   explicit FrameClassifier(const DecisionForest* forest);
+  // Takes the forest and frees each tree as soon as it is packed.
+  explicit FrameClassifier(DecisionForest&& forest);
   ~FrameClassifier();
   FrameClassifier(const FrameClassifier&) = delete;
   FrameClassifier& operator=(const FrameClassifier&) = delete;
+
+  size_t tree_count() const { return packed_ != nullptr ? packed_->tree_count() : 0; }
 
   // Classifies the user's own segments, after judging each candidate segment in order.
   // `labels` and `user_ids` must have been cleared by the caller for this frame; `score`
@@ -89,7 +94,6 @@ class FrameClassifier {
                               const ClassifyParams& params, op::Image<PixelLabel>& labels,
                               op::Image<uint8_t>& user_ids, uint32_t share, uint32_t shares);
 
-  const DecisionForest* forest_;
   std::unique_ptr<PackedForest> packed_;  // null without a forest
   op::Image<uint8_t> working_flags_;
   op::Image<uint8_t> flags_;

@@ -152,7 +152,6 @@ BodyTracker::BodyTracker(const TrackerOptions& options, DecisionForest forest, u
                    static_cast<float>(blockWidth), static_cast<float>(blockHeight)),
       conversionTables_(build_conversion_tables(options.shift)),
       userAnalyzer_(options.horizontalFovDegrees, options.verticalFovDegrees, blockWidth, blockHeight),
-      forest_(std::move(forest)),
       pixelLabels_(blockWidth, blockHeight),
       userIdImage_(blockWidth, blockHeight),
       worldPoints_(blockWidth, blockHeight),
@@ -161,8 +160,8 @@ BodyTracker::BodyTracker(const TrackerOptions& options, DecisionForest forest, u
       checkLabels_(blockWidth, blockHeight),
       checkIds_(blockWidth, blockHeight),
       logger_(op::get_logger("BodyTracker")),
-      classifier_(std::make_unique<FrameClassifier>(&forest_)) {
-  if (forest_.tree_count() > 0) {
+      classifier_(std::make_unique<FrameClassifier>(std::move(forest))) {
+  if (classifier_->tree_count() > 0) {
     userAnalyzer_.set_person_check([this](const legacy::Array2D<uint8_t>& mask) { return reads_as_person(mask); });
   }
 }
@@ -179,7 +178,7 @@ op::Result<op::Unit, TrackerError> BodyTracker::update(uint32_t width, uint32_t 
   userAnalyzer_.update(depth_, conversionTables_, isDepthMirrored, users_);
   pixelLabels_.fill(PixelLabel{});
 
-  if (forest_.tree_count() == 0) {
+  if (classifier_->tree_count() == 0) {
     // Without trees nothing can be classified: everyone in the labels is body 1's mask.
     const op::Image<uint16_t>& labels = userAnalyzer_.userLabels();
     for (size_t i = 0; i < labels.size(); ++i) userIdImage_[i] = labels[i] != kNoUser ? 1 : kNoBody;
