@@ -2,6 +2,7 @@
 // Parameter block of one classification level, shared read-only by every task of the level.
 
 #include <cstdint>
+#include <vector>
 
 #include "classifier/user_statistics.h"
 #include "op/image.h"
@@ -12,9 +13,21 @@ class ThreadPool;
 
 namespace quorvik::skeleton {
 
+struct FeatureTable;
+
 // User-id value written into every pixel a pass classifies or fills, so that the pass's
 // pixels can be found afterwards and given their final id.
 inline constexpr uint8_t kUnresolvedUser = 255;
+
+// What the tree walk's probes read over one context box (see KernelFrame::probes), built
+// once for all the levels and trees of a pass. Left empty for a box too wide for the walk's
+// 16-bit position arithmetic, where the walk reads the depth and flags instead.
+struct ProbeImage {
+  std::vector<int16_t> values;
+  int32_t stride = 0;
+  // `flags` are PixelFlags; depths are read as signed 16-bit values.
+  void build(const op::Image<uint16_t>& depth, const op::Image<uint8_t>& flags, const int32_t* context_box);
+};
 
 struct ClassifyParams {
   const UserStatistics* statistics = nullptr;
@@ -25,6 +38,8 @@ struct ClassifyParams {
   float mean_depth = 0.f;                       // of the target pixels
   uint8_t marker = kUnresolvedUser;
   op::ThreadPool* pool = nullptr;
+  const ProbeImage* probes = nullptr;           // of this context box; null: built where needed
+  const FeatureTable* features = nullptr;       // of `statistics`; null: built where needed
 };
 
 }  // namespace quorvik::skeleton

@@ -1,5 +1,6 @@
 #include "classifier/depth_features.h"
 
+#include <algorithm>
 #include <cmath>
 #include <stdexcept>
 
@@ -8,6 +9,27 @@ namespace quorvik::skeleton {
 namespace {
 #include "classifier/arch/probe_math.inc"
 }  // namespace
+
+void FeatureTable::build(const UserStatistics& s, uint32_t width, uint32_t height) {
+  // The same expressions as get_frame_feature_value's, so the same roundings.
+  columns.resize(size_t{width} * 3);
+  for (uint32_t x = 0; x < width; ++x) {
+    const float fx = static_cast<float>(x);
+    columns[3 * x] = (fx - s.meanX) * 0.5f / s.halfExtentX;
+    columns[3 * x + 1] = (fx - s.meanX) * 0.5f / s.halfExtentX + 0.5f;
+    columns[3 * x + 2] = fx / static_cast<float>(s.imageHeight);
+  }
+  rows.resize(size_t{height} * 3);
+  for (uint32_t y = 0; y < height; ++y) {
+    const float fy = static_cast<float>(y);
+    rows[3 * y] = (fy - s.meanY) * 0.5f / s.halfExtentY;
+    rows[3 * y + 1] = (fy - s.meanY) * 0.5f / s.halfExtentY + 0.5f;
+    rows[3 * y + 2] = fy / static_cast<float>(s.imageHeight);
+  }
+  const float fixed[7] = {s.relativeWidth,      s.relativeHeight,   s.borderFraction,   s.topEdgeFraction,
+                          s.bottomEdgeFraction, s.leftEdgeFraction, s.rightEdgeFraction};
+  std::copy(fixed, fixed + 7, constants);
+}
 
 float get_frame_feature_value(uint8_t kind, int32_t x, int32_t y, const UserStatistics& s) {
   const float fx = static_cast<float>(x);

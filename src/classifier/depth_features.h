@@ -4,6 +4,7 @@
 // user's statistics.
 
 #include <cstdint>
+#include <vector>
 
 #include "classifier/user_statistics.h"
 
@@ -36,6 +37,16 @@ enum class FeatureKind : uint8_t {
 
 // Kinds 1 to 12. Throws std::logic_error for kind 0 and for kinds above 12.
 float get_frame_feature_value(uint8_t kind, int32_t x, int32_t y, const UserStatistics& s);
+
+// Kinds 1 to 12 of one user's statistics over a whole frame. Kinds 2 to 5 depend on the
+// column or the row alone, kind 1 on one term of each and 6 to 12 on neither, so a walk
+// that asks them many times of every pixel reads them here instead of computing them.
+struct FeatureTable {
+  std::vector<float> columns;  // per column: kind 1's x term, kinds 2 and 4
+  std::vector<float> rows;     // per row: kind 1's y term, kinds 3 and 5
+  float constants[7] = {};     // kinds 6 to 12
+  void build(const UserStatistics& s, uint32_t width, uint32_t height);
+};
 
 // Kind 0 for one pixel, the scalar form of what the kernels compute for a batch.
 struct DepthProbe {

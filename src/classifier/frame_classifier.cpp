@@ -39,9 +39,11 @@ void mark_pass_pixels(op::Image<uint8_t>& user_ids, uint8_t id, const RegionBox&
 }  // namespace
 
 FrameClassifier::FrameClassifier(const DecisionForest* forest)
-    : forest_(forest),
-      packed_(forest != nullptr ? std::make_unique<PackedForest>(*forest) : nullptr),
+    : packed_(forest != nullptr ? std::make_unique<PackedForest>(*forest) : nullptr),
       logger_(op::get_logger("FrameClassifier")) {}
+
+FrameClassifier::FrameClassifier(DecisionForest&& forest)
+    : packed_(std::make_unique<PackedForest>(std::move(forest))), logger_(op::get_logger("FrameClassifier")) {}
 
 FrameClassifier::~FrameClassifier() = default;
 
@@ -168,6 +170,10 @@ void FrameClassifier::classify_segments(const op::Image<uint16_t>& depth,
   params.mean_depth = mean_depth;
   params.marker = kUnresolvedUser;
   params.pool = &pool;
+  probes_.build(depth, working_flags_, context_box);
+  params.probes = &probes_;
+  features_.build(statistics, width, height);
+  params.features = &features_;
 
   // 5. Coarse to fine: classify the grid, then copy each result to the half-step pixels
   // between grid points whose labels agree.

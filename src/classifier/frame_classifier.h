@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "classifier/classify_params.h"
+#include "classifier/depth_features.h"
 #include "classifier/packed_forest.h"
 #include "classifier/user_statistics.h"
 #include "forest/decision_forest.h"
@@ -41,11 +42,16 @@ class FrameClassifier {
   // Threads of the pool that can run at once, at least, for a level to be split among them.
   uint64_t splitThreads = 4;
 
-  // The forest must outlive the classifier.
+  // Classifies with a packed copy of the forest (none without one): the forest itself may
+  // go once the classifier is built, and with it the dense leaves, most of its memory.
   explicit FrameClassifier(const DecisionForest* forest);
+  // Takes the forest and frees each tree as soon as it is packed.
+  explicit FrameClassifier(DecisionForest&& forest);
   ~FrameClassifier();
   FrameClassifier(const FrameClassifier&) = delete;
   FrameClassifier& operator=(const FrameClassifier&) = delete;
+
+  size_t tree_count() const { return packed_ != nullptr ? packed_->tree_count() : 0; }
 
   // Classifies the user's own segments, after judging each candidate segment in order.
   // `labels` and `user_ids` must have been cleared by the caller for this frame; `score`
@@ -88,7 +94,6 @@ class FrameClassifier {
                               const ClassifyParams& params, op::Image<PixelLabel>& labels,
                               op::Image<uint8_t>& user_ids, uint32_t share, uint32_t shares);
 
-  const DecisionForest* forest_;
   std::unique_ptr<PackedForest> packed_;  // null without a forest
   op::Image<uint8_t> working_flags_;
   op::Image<uint8_t> flags_;
@@ -96,6 +101,8 @@ class FrameClassifier {
   std::vector<uint16_t> target_labels_;
   std::vector<uint8_t> label_bits_ = std::vector<uint8_t>(65536, 0);  // PixelFlags per segment label
   std::vector<op::Image<uint32_t>> node_images_;                        // one per tree
+  ProbeImage probes_;
+  FeatureTable features_;
   op::HelpGauge gauge_;  // whether the pool's workers currently help
   std::shared_ptr<spdlog::logger> logger_;
 };

@@ -69,9 +69,16 @@ PackedForest::PackedForest(const DecisionForest& forest) {
 
 PackedForest::PackedForest(const DecisionTree& tree) { pack({&tree}); }
 
+PackedForest::PackedForest(DecisionForest&& forest) {
+  std::vector<std::unique_ptr<DecisionTree>> owned = std::move(forest).take_trees();
+  std::vector<const DecisionTree*> trees;
+  for (const auto& tree : owned) trees.push_back(tree.get());
+  pack(trees, [&owned](size_t t) { owned[t].reset(); });
+}
+
 PackedForest::~PackedForest() { release(storage_, storage_size_); }
 
-void PackedForest::pack(const std::vector<const DecisionTree*>& trees) {
+void PackedForest::pack(const std::vector<const DecisionTree*>& trees, const std::function<void(size_t)>& packed) {
   // Sizes first, so that every tree lands in one allocation.
   std::vector<size_t> entry_counts;
   size_t node_total = 0, entry_total = 0;
@@ -98,8 +105,9 @@ void PackedForest::pack(const std::vector<const DecisionTree*>& trees) {
 
   auto* nodes = static_cast<PackedNode*>(storage_);
   auto* entries = reinterpret_cast<LeafEntry*>(static_cast<char*>(storage_) + node_bytes);
-  for (const DecisionTree* tree : trees) {
-    Tree packed{{nodes, static_cast<uint32_t>(tree->nodes.size())}, entries};
+  for (size_t t = 0; t < trees.size(); ++t) {
+    const DecisionTree* tree = trees[t];
+    Tree copy{{nodes, static_cast<uint32_t>(tree->nodes.size())}, entries};
     uint32_t next_entry = 0;
     for (const TreeNode& node : tree->nodes) {
       PackedNode& out = *nodes++;
@@ -124,7 +132,8 @@ void PackedForest::pack(const std::vector<const DecisionTree*>& trees) {
       }
     }
     entries += next_entry;
-    trees_.push_back(packed);
+    trees_.push_back(copy);
+    if (packed) packed(t);
   }
 }
 

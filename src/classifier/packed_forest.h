@@ -7,6 +7,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <vector>
 
@@ -26,6 +27,9 @@ class PackedForest {
   // leaf entries), far more than any forest that fits in memory as TreeNodes.
   explicit PackedForest(const DecisionForest& forest);
   explicit PackedForest(const DecisionTree& tree);
+  // Frees each tree of the forest as soon as it is packed: the dense forest and its packed
+  // copy are never both whole in memory.
+  explicit PackedForest(DecisionForest&& forest);
   ~PackedForest();
   PackedForest(const PackedForest&) = delete;
   PackedForest& operator=(const PackedForest&) = delete;
@@ -60,7 +64,8 @@ class PackedForest {
     KernelTree kernel;
     const LeafEntry* entries;
   };
-  void pack(const std::vector<const DecisionTree*>& trees);
+  // `packed(t)` is called once tree t is no longer read.
+  void pack(const std::vector<const DecisionTree*>& trees, const std::function<void(size_t)>& packed = {});
 
   std::vector<Tree> trees_;
   void* storage_ = nullptr;

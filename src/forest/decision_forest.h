@@ -36,6 +36,9 @@ class DecisionForest {
   DecisionForest& operator=(const DecisionForest&) = delete;
 
   size_t tree_count() const { return trees_.size(); }
+  // Hands the trees over, leaving the forest empty, so that a consumer may free each tree
+  // as soon as it is done with it.
+  std::vector<std::unique_ptr<DecisionTree>> take_trees() && { return std::move(trees_); }
   const DecisionTree& tree(size_t i) const { return *trees_[i]; }
 
  private:

@@ -91,7 +91,6 @@ class BodyTracker {
   DepthCameraModel cameraModel_;
   ConversionTables conversionTables_;
   UserAnalyzer userAnalyzer_;
-  DecisionForest forest_;
   op::Image<PixelLabel> pixelLabels_;
   op::Image<uint8_t> userIdImage_;
   ModelTracker modelTracker_;

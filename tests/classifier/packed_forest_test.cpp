@@ -20,6 +20,9 @@ TEST(PackedForest, EveryNodeKeepsItsSplitOrItsLeafEntries) {
     const DecisionForest forest = testing::make_random_forest(seed, {.trees = 3, .depth = 10});
     const PackedForest packed(forest);
     ASSERT_EQ(packed.tree_count(), forest.tree_count());
+    // The same forest handed over, and freed tree by tree while it is packed.
+    const PackedForest taken(testing::make_random_forest(seed, {.trees = 3, .depth = 10}));
+    ASSERT_EQ(taken.tree_count(), forest.tree_count());
     for (size_t t = 0; t < forest.tree_count(); ++t) {
       const DecisionTree& tree = forest.tree(t);
       const KernelTree& k = packed.tree(t);
@@ -28,15 +31,19 @@ TEST(PackedForest, EveryNodeKeepsItsSplitOrItsLeafEntries) {
         SCOPED_TRACE(::testing::Message() << "seed " << seed << " tree " << t << " node " << i);
         const TreeNode& node = tree.nodes[i];
         const PackedNode& p = k.nodes[i];
+        ASSERT_EQ(std::memcmp(&p, &taken.tree(t).nodes[i], sizeof p), 0);
         ASSERT_EQ((p.link & kPackedLeaf) != 0, node.is_leaf);
         if (node.is_leaf) {
           // The leaf's entries, added to nothing, rebuild the dense distribution.
-          LabelDistribution rebuilt;
+          LabelDistribution rebuilt, rebuilt_taken;
           rebuilt.clear();
+          rebuilt_taken.clear();
           packed.add_leaf(t, i, rebuilt);
+          taken.add_leaf(t, i, rebuilt_taken);
           const LabelDistribution& dense = tree.leaf_distribution(node);
           for (uint32_t label = 0; label < kLabelCount; ++label) {
             ASSERT_TRUE(same_bits(rebuilt.probability[label], dense.probability[label])) << label;
+            ASSERT_TRUE(same_bits(rebuilt_taken.probability[label], dense.probability[label])) << label;
           }
           continue;
         }

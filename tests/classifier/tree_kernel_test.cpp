@@ -138,6 +138,15 @@ TEST(TreeKernelTest, EveryBuildMatchesPerPixelDescent) {
           op::Image<uint32_t> got(3, 3);  // wrong size: the evaluation resizes it
           EXPECT_EQ(evaluate_tree_with(build.entry, forest.tree(t), frame.depth, params, got), 0);
           EXPECT_TRUE(same_image(expected, got));
+          // Without a probe image (as for a context box too wide for one) the walk reads the
+          // flags, and without a feature table it asks for each image-level feature.
+          const ProbeImage none;
+          const FeatureTable no_table;
+          ClassifyParams unprobed = params;
+          unprobed.probes = &none;
+          unprobed.features = &no_table;
+          EXPECT_EQ(evaluate_tree_with(build.entry, forest.tree(t), frame.depth, unprobed, got), 0);
+          EXPECT_TRUE(same_image(expected, got));
         }
       }
     }
@@ -173,7 +182,7 @@ TEST(TreeKernelTest, PassesMoveEachPixelOneLevel) {
   Frame frame = random_frame(77);
   const PackedForest packed(forest);
   KernelFrame kf{reinterpret_cast<const int16_t*>(frame.depth.data()), frame.flags.data(), 160, 120, {}, {}, 0,
-                 frame.mean_depth, &frame.statistics, 0, 1};
+                 frame.mean_depth, &frame.statistics, 0, 1, nullptr, 0, nullptr, nullptr, nullptr};
   std::memcpy(kf.target_box, frame.target_box, sizeof kf.target_box);
   std::memcpy(kf.context_box, frame.context_box, sizeof kf.context_box);
   int32_t targets = 0;

@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <limits>
+#include <utility>
 
 #include <gtest/gtest.h>
 
@@ -49,6 +50,20 @@ TEST(LabelDistributionTest, AverageScalesByOneRoundedReciprocal) {
   zero.average(0);
   EXPECT_EQ(zero.best_label, 4);
   EXPECT_EQ(zero.best_probability, 0.5f);
+
+  // Ties go to the lowest label wherever the two lie; nothing at all is label 0.
+  for (const auto& [low, high] : {std::pair{5u, 20u}, {30u, 31u}, {0u, 17u}, {31u, 31u}}) {
+    SCOPED_TRACE(testing::Message() << low << " and " << high);
+    LabelDistribution tie = only(static_cast<uint8_t>(low), 0.25f);
+    tie.probability[high] = 0.25f;
+    tie.probability[(low + 3) % kLabelCount] = 0.125f;
+    tie.average(4);
+    EXPECT_EQ(tie.best_label, low);
+    EXPECT_EQ(tie.best_probability, 0.0625f);
+  }
+  LabelDistribution nothing;
+  nothing.average(4);
+  EXPECT_EQ(nothing.best_label, 0);
 }
 
 DecisionForest two_stumps(const LabelDistribution& a, const LabelDistribution& b) {

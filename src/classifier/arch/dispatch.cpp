@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "classifier/depth_features.h"
 #include "classifier/packed_forest.h"
 
 #if defined(__x86_64__) || defined(__i386__)
@@ -49,10 +50,41 @@ KernelFrame make_frame(const op::Image<uint16_t>& depth, const ClassifyParams& p
   frame.statistics = params.statistics;
   frame.share = 0;
   frame.shares = 1;
+  const bool probed = params.probes != nullptr && !params.probes->values.empty();
+  frame.probes = probed ? params.probes->values.data() : nullptr;
+  frame.probe_stride = probed ? params.probes->stride : 0;
+  const FeatureTable* table = params.features;
+  frame.feature_columns = table != nullptr ? table->columns.data() : nullptr;
+  frame.feature_rows = table != nullptr ? table->rows.data() : nullptr;
+  frame.feature_constants = table != nullptr ? table->constants : nullptr;
   return frame;
 }
 
 }  // namespace
+
+void ProbeImage::build(const op::Image<uint16_t>& depth, const op::Image<uint8_t>& flags, const int32_t* box) {
+  const int32_t width = box[2] - box[0] + 3, height = box[3] - box[1] + 3;
+  if (box[0] > box[2] || box[1] > box[3] || width > INT16_MAX) {
+    values.clear();
+    stride = 0;
+    return;
+  }
+  stride = width;
+  values.assign(static_cast<size_t>(width) * static_cast<size_t>(height), kProbeBackground);
+  // Rows are read with the width rounded down to a multiple of four, as the probes always
+  // have been.
+  const uint32_t w4 = depth.width() & ~3u;
+  const auto* d = reinterpret_cast<const int16_t*>(depth.data());
+  const uint8_t* f = flags.data();
+  for (int32_t y = box[1]; y <= box[3]; ++y) {
+    int16_t* out = values.data() + static_cast<size_t>(y - box[1] + 1) * static_cast<size_t>(width) + 1;
+    const size_t row = static_cast<size_t>(y) * w4;
+    for (int32_t x = box[0]; x <= box[2]; ++x) {
+      const size_t at = row + static_cast<size_t>(x);
+      if (f[at] & kContextPixel) out[x - box[0]] = d[at];
+    }
+  }
+}
 
 uint32_t detect_cpu_features() {
   uint32_t features = 0;
@@ -116,7 +148,18 @@ int32_t evaluate_tree_with(KernelEntry entry, const KernelTree& tree,
                            op::Image<uint32_t>& node_index) {
   node_index.resize(depth.width(), depth.height());
   node_index.fill(0);
-  const KernelFrame frame = make_frame(depth, params);
+  ProbeImage probes;
+  ClassifyParams probed = params;
+  if (probed.probes == nullptr) {
+    probes.build(depth, *params.working_flags, params.context_box);
+    probed.probes = &probes;
+  }
+  FeatureTable features;
+  if (probed.features == nullptr && probed.statistics != nullptr) {
+    features.build(*params.statistics, depth.width(), depth.height());
+    probed.features = &features;
+  }
+  const KernelFrame frame = make_frame(depth, probed);
   return entry(tree, frame, node_index.data());
 }
 

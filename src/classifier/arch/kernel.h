@@ -46,7 +46,21 @@ struct KernelFrame {
   // of the level's grid (0 of 1: all of them). evaluate_tree_level always scans them all.
   uint32_t share;
   uint32_t shares;
+  // What a probe reads, or null to read depth and flags: over the context box and a ring
+  // of one pixel around it, the depth of each context pixel and the background anywhere
+  // else, in rows of probe_stride values from (context x0 - 1, y0 - 1). A probe clamped to
+  // the ring then needs one read, where the flags take a box test, a flag read and a choice.
+  const int16_t* probes;
+  int32_t probe_stride;
+  // Kinds 1 to 12 read from a FeatureTable (columns, rows, constants), or null to call
+  // get_frame_feature_value.
+  const float* feature_columns;
+  const float* feature_rows;
+  const float* feature_constants;
 };
+
+// What the probe image holds off the context: the background depth.
+inline constexpr int16_t kProbeBackground = 10000;
 
 // A build's tree walk: every target pixel of the share's grid rows goes from the root down
 // to its leaf, whose index it gets in node_index (width x height); other entries are left
