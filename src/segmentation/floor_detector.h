@@ -22,13 +22,14 @@ enum FloorMark : uint8_t {
   kBeyondFloor = 2,  // farther: the plane cannot be the floor there
 };
 
-// The floor a x + b y + c as the per-frame test reads it: 22.10 fixed point in unsigned
-// arithmetic, so that a plane that comes out negative lies out of reach of every shift.
+// Fraction bits of the plane coefficients in the per-frame test.
 inline constexpr int kFloorFixedBits = 10;
 // A pixel is on the floor within this many shift steps of it either way: the plane's own
 // rounding and the sensor's jitter.
 inline constexpr int32_t kFloorShiftTolerance = 1;
 
+// The floor a x + b y + c as the per-frame test reads it: 22.10 fixed point in unsigned
+// arithmetic, so that a plane that comes out negative lies out of reach of every shift.
 class FloorShiftTest {
  public:
   FloorShiftTest(double a, double b, double c);

@@ -263,7 +263,8 @@ class TreeGrower {
     return best;
   }
 
-  // Work items: a block of candidates of one node, sized so that items cost about the same.
+  // Every open node's best candidate, judged on its threads in work items: a block of one
+  // node's candidates, sized so that items cost about the same.
   void choose_splits(std::vector<OpenNode>& open) const {
     struct Item {
       uint32_t node, first, last;
