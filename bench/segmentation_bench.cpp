@@ -56,7 +56,7 @@ void BM_CandidateDetector(benchmark::State& state) {
   const auto& t = sim_scene::default_tables();
   const quorvik::skeleton::SegCoordinateMapper<double> mapper(
       160, 120, sim_scene::kHfovDegrees * quorvik::skeleton::kDegreesToRadians,
-      sim_scene::kVfovDegrees * quorvik::skeleton::kDegreesToRadians, 10000);
+      sim_scene::kVfovDegrees * quorvik::skeleton::kDegreesToRadians, sim_scene::kMaxDepthMm);
   auto detector = std::make_unique<PersonCandidateDetector>();
   detector->start(160, 120, t.shiftToDepth.data(), t.depthToShift.data(), false, &mapper);
   Array2D<uint16_t> raw(160, 120), shift(160, 120), shadow(160, 120);

@@ -30,7 +30,7 @@ namespace {
 using namespace quorvik::skeleton;
 namespace sim = quorvik::sim;
 
-constexpr float kHfov = 58.59f, kVfov = 45.64f;
+constexpr float kHfov = kDefaultHorizontalFovDegrees, kVfov = kDefaultVerticalFovDegrees;
 
 DecisionForest make_forest() {
   if (const char* path = std::getenv("QBT_BENCH_DATA")) {

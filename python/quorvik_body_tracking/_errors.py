@@ -2,25 +2,11 @@
 
 import enum
 
+from . import _build
 
-class ErrorCode(enum.IntEnum):
-    """The library's result codes (QBT_RESULT_...)."""
-
-    BODYFRAME_NOT_RELEASED = 1
-    DATAFILE_INVALID_FORMAT = 2
-    DATAFILE_NOT_FOUND = 3
-    ASYNC_BODYFRAME_MISMATCH = 4
-    ASYNC_BODYFRAME_UNAVAILABLE = 5
-    INVALID_DEPTHMAP_SIZE = 6
-    INVALID_PARAMETER = 7
-    RESULT_ALREADY_TAKEN = 8
-    JOINT_TYPE_CONVERSION_FAILED = 100
-    JOINT_STATUS_CONVERSION_FAILED = 101
-    BODY_STATUS_CONVERSION_FAILED = 102
-    UNHANDLED_EXCEPTION = 103
-    NULL_BODYFRAME = 104
-    WORKER_QUEUE_FULL = 105
-    UNKNOWN_ERROR = 127
+# Made when the package is built, from the library's public header.
+ErrorCode = enum.IntEnum("ErrorCode", _build.RESULT_CODES, module=__name__)
+ErrorCode.__doc__ = """The library's result codes (QBT_RESULT_...)."""
 
 
 class TrackerError(Exception):

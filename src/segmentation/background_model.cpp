@@ -14,14 +14,42 @@ namespace quorvik::legacy {
 
 namespace {
 
+// How much of the area that found a background N frames ago still counts against the
+// receding area now: a surface seen for the first time is no sign that the scene moved.
 constexpr double kRecedeWeights[20] = {1.0,    0.3369, 0.1912, 0.1318, 0.0997, 0.0792, 0.0649,
                                        0.0546, 0.047,  0.0414, 0.0371, 0.0339, 0.0315, 0.0296,
                                        0.0282, 0.027,  0.0261, 0.0253, 0.0247, 0.0241};
 
-inline uint16_t saturating_increment(uint16_t v) { return v == 0xFFFF ? v : uint16_t(v + 1); }
+inline uint16_t saturating_increment(uint16_t v) { return v == UINT16_MAX ? v : uint16_t(v + 1); }
 
-// Shift noise grows with the shift (far surfaces return fewer, noisier dots).
-inline int32_t steady_tolerance(int32_t shift) { return 2 + shift / 256; }
+// Shift noise grows with the shift (far surfaces return fewer, noisier dots): two steps, and
+// one more for every kSteadyShiftsPerStep of shift (a shift right by 8 in the vector code).
+constexpr int32_t kSteadyBaseTolerance = 2;
+constexpr int32_t kSteadyShiftsPerStep = 256;
+inline int32_t steady_tolerance(int32_t shift) { return kSteadyBaseTolerance + shift / kSteadyShiftsPerStep; }
+
+// The per-pixel rules of the update, in shift steps and frames.
+// A shadow that lies beyond the background by more than this, for kShadowFrames frames in a
+// row, shows that the background is not there: something farther casts it.
+constexpr int32_t kShadowBeyondMargin = 6;
+constexpr uint16_t kShadowFrames = 3;
+// A pixel that has seen nothing at all for more than this many frames has no background.
+constexpr uint16_t kBlankFrames = 10;
+// A pixel that sees farther than its background takes the new shift as background when the
+// last three frames agree within this.
+constexpr int32_t kRecedeSteadiness = 6;
+
+// A frame is unusable when more than this share of it has no shift, or when its valid box
+// covers less than half the image.
+constexpr double kBadFrameInvalidShare = 0.9;
+
+// The motion detector's rate thresholds (mm^2 per second): the k-th entry of the change
+// rings (k frames back) must exceed base + k x step.
+constexpr double kFastChangeBase = 5000000.0, kFastChangeStep = 2000000.0;
+constexpr double kRecedeBase = 6000000.0, kRecedeStep = 1000000.0;
+// Frames after a rebuild, or after the reset state began, before the change ring is read.
+constexpr uint32_t kMotionWarmUpFrames = 4;
+constexpr double kSecondsPerMs = 0.001;
 
 }  // namespace
 
@@ -29,7 +57,8 @@ void update_steady_runs(const uint16_t* c, const uint16_t* p, const uint16_t* pp
   int32_t i = 0;
 #if QBT_SEGMENTATION_SSE2
   // Eight pixels at a time; shifts stay below 32768.
-  const __m128i zero = _mm_setzero_si128(), one = _mm_set1_epi16(1), two = _mm_set1_epi16(2);
+  const __m128i zero = _mm_setzero_si128(), one = _mm_set1_epi16(1);
+  const __m128i two = _mm_set1_epi16(kSteadyBaseTolerance);
   for (; i + 8 <= n; i += 8) {
     const __m128i vc = _mm_loadu_si128(reinterpret_cast<const __m128i*>(c + i));
     const __m128i vp = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + i));
@@ -70,7 +99,7 @@ void BackgroundModel::reset() {
   untouched = true;
   badFrame = false;
   sceneChanging = false;
-  framesSinceReset = 30;
+  framesSinceReset = kResetRequested;
 }
 
 void BackgroundModel::allocate(int32_t w, int32_t h) {
@@ -90,14 +119,14 @@ void BackgroundModel::allocate(int32_t w, int32_t h) {
   bodyChange.clear();
   forgotten.resize(w, h);
   forgotten.clear();
-  filterScratch_.resize(w + 16);
+  filterScratch_.resize(w + kMinFilterScratchExtra);
   regionSets_.reserve(pixelCount + 1);
   regions_.reserve(size_t(pixelCount) + 1);
 }
 
 uint32_t BackgroundModel::area_scale() const {
   if (mapper_ == nullptr) return 0;
-  const double k = 512.0 * mapper_->inverseFocal;
+  const double k = double(1u << kAreaDepthShift) * mapper_->inverseFocal;
   return static_cast<uint32_t>(k * k);
 }
 
@@ -106,8 +135,8 @@ bool BackgroundModel::frame_is_bad(const BackgroundInputs& in) const {
   int32_t invalid = 0;
   for (int32_t i = 0; i < pixelCount; ++i) invalid += c[i] == 0;
   const ValidBox& b = in.validBox;
-  const int64_t boxArea = 2 * int64_t(b.right - b.left) * int64_t(b.bottom - b.top);
-  return invalid > 0.9 * pixelCount || boxArea < pixelCount;
+  const int64_t twiceBoxArea = 2 * int64_t(b.right - b.left) * int64_t(b.bottom - b.top);
+  return invalid > kBadFrameInvalidShare * pixelCount || twiceBoxArea < pixelCount;
 }
 
 void BackgroundModel::update(const BackgroundInputs& in) {
@@ -131,7 +160,7 @@ void BackgroundModel::update(const BackgroundInputs& in) {
     receding.push(0);
     newBackground.push(0);
   } else {
-    if (badFrame || framesSinceReset == 30) {
+    if (badFrame || framesSinceReset == kResetRequested) {
       resetThisFrame = true;
       zeroRun.clear();
       shadowRun.clear();
@@ -157,10 +186,10 @@ void BackgroundModel::update(const BackgroundInputs& in) {
           sr[x] = 0;
         }
         // A shadow cast by something farther than the background contradicts it.
-        if (c[x] == 0 && int32_t(h[x]) > int32_t(b[x]) + 6 && sr[x] >= 3) b[x] = 0;
+        if (c[x] == 0 && int32_t(h[x]) > int32_t(b[x]) + kShadowBeyondMargin && sr[x] >= kShadowFrames) b[x] = 0;
       }
       for (int32_t x = 0; x < width; ++x) {
-        if (zr[x] > 10) b[x] = 0;
+        if (zr[x] > kBlankFrames) b[x] = 0;
         if (b[x] != 0 && c[x] > b[x]) {
           if (b[x] == kAcceptAny) {
             const uint32_t a = area_of(raw[x]);
@@ -172,19 +201,19 @@ void BackgroundModel::update(const BackgroundInputs& in) {
           const int32_t cp = std::abs(int32_t(c[x]) - p[x]);
           const int32_t cpp = std::abs(int32_t(c[x]) - pp[x]);
           const int32_t ppp = std::abs(int32_t(p[x]) - pp[x]);
-          if (std::max({cp, cpp, ppp}) < 6) b[x] = c[x];
+          if (std::max({cp, cpp, ppp}) < kRecedeSteadiness) b[x] = c[x];
         }
       }
     }
     foregroundChange.push(0);
     receding.push(static_cast<uint32_t>(std::min<uint64_t>(recedeArea * scale, UINT32_MAX)));
     newBackground.push(static_cast<uint32_t>(std::min<uint64_t>(newArea * scale, UINT32_MAX)));
-    framesSinceReset = std::min(framesSinceReset + 1, 35u);
+    framesSinceReset = std::min(framesSinceReset + 1, kSettledFrames);
     badFrame = frame_is_bad(in);
   }
 
   update_near_change(in);
-  detect_motion(static_cast<double>(in.timestampMs) * 0.001);
+  detect_motion(static_cast<double>(in.timestampMs) * kSecondsPerMs);
 
   if (reinitialise) {
     nearChange.clear();
@@ -252,7 +281,7 @@ void BackgroundModel::mark_bodies(const BackgroundInputs& in) {
 
   const uint16_t* c = in.shift->data();
   const uint16_t* b = background.data();
-  auto isNear = [&](int32_t i) { return c[i] != 0 && (b[i] == 0 || int32_t(c[i]) < int32_t(b[i]) - 3); };
+  auto isNear = [&](int32_t i) { return c[i] != 0 && (b[i] == 0 || int32_t(c[i]) < int32_t(b[i]) - kNearMargin); };
   const uint16_t* raw = in.raw->data();
   uint16_t* near = nearNext_.data();
   for (int32_t i = 0; i < pixelCount; ++i) near[i] = isNear(i) ? raw[i] : uint16_t{0};
@@ -306,13 +335,15 @@ void BackgroundModel::detect_motion(double t) {
   bool detected = false;
   changeDepth = 0;
 
-  if ((framesSinceReset >= 4 && framesSinceReset <= 30) || framesSinceReset >= 35) {
+  // The warm-up after a rebuild (0 on) and after the reset state began (kResetRequested + 1 on).
+  if ((framesSinceReset >= kMotionWarmUpFrames && framesSinceReset <= kResetRequested) ||
+      framesSinceReset >= kSettledFrames) {
     double sum = 0;
     for (int k = 0; k < foregroundChange.count() && k + 1 < timestamps.count(); ++k) {
       sum += foregroundChange[k];
       const double dt = t - timestamps[k + 1];
       if (dt <= 0) continue;
-      const double threshold = 5000000.0 + 2000000.0 * k;
+      const double threshold = kFastChangeBase + kFastChangeStep * k;
       if ((k + 1) * sum / dt > threshold) {
         detected = true;
         changeDepth = uint32_t(k);
@@ -328,7 +359,7 @@ void BackgroundModel::detect_motion(double t) {
     if (dt <= 0) continue;
     const double moved = std::trunc((double(receding[0]) - double(receding[m])) - appeared);
     const double rate = moved * m / dt;
-    if (rate > 6000000.0 + 1000000.0 * m) {
+    if (rate > kRecedeBase + kRecedeStep * m) {
       detected = true;
       changeDepth = std::max(changeDepth, uint32_t(m - 1));
     }
@@ -380,7 +411,7 @@ void BackgroundModel::validate_regions(const BackgroundInputs& in) {
                        [&](int32_t i, int32_t n) { return std::abs(int32_t(s[i]) - s[n]) <= steady_tolerance(s[i]); });
   if (regionSets_.size() <= 1) return;
 
-  regions_.assign(size_t(regionSets_.size()), RegionSummary{0, 0xFFFF, false, true});
+  regions_.assign(size_t(regionSets_.size()), RegionSummary{0, UINT16_MAX, false, true});
   const Array2D<uint16_t>* labels = in.labels;
   const bool labelsUsable = labels != nullptr && labels->width() == width && labels->height() == height;
   for (int32_t y = 0; y < height; ++y) {
@@ -418,7 +449,7 @@ void BackgroundModel::compute_foreground(const Array2D<uint16_t>& shift) {
   min_filter_3x3(background.data(), filteredBackground.data(), width, height, filterScratch_.data());
   for (int32_t i = 0; i < pixelCount; ++i) {
     const int32_t c = shift[i];
-    foreground[i] = (c != 0 && c < int32_t(filteredBackground[i]) - 3) ? 1 : 0;
+    foreground[i] = (c != 0 && c < int32_t(filteredBackground[i]) - kNearMargin) ? 1 : 0;
   }
 }
 

@@ -39,6 +39,13 @@ class BackgroundModel {
   static constexpr uint16_t kAcceptAny = 1;
   static constexpr uint32_t kAbsorbFrames = 151;
   static constexpr uint16_t kRelearnFrames = 3;
+  // framesSinceReset: the engine's reset sets it to kResetRequested, which makes the next
+  // update put the background into the reset state; it then counts up to kSettledFrames.
+  static constexpr uint32_t kResetRequested = 30;
+  static constexpr uint32_t kSettledFrames = 35;
+  // A pixel is nearer than its background when its shift is smaller by more than this:
+  // one or two shift steps either way are the sensor's own jitter.
+  static constexpr int32_t kNearMargin = 3;
 
   void start(int32_t width, int32_t height, const uint16_t* shiftToDepth, uint32_t shiftToDepthLength,
              const Mapper* mapper);
@@ -72,7 +79,7 @@ class BackgroundModel {
   bool resetThisFrame = false;
   bool badFrame = false;
   bool reinitialise = false;
-  uint32_t framesSinceReset = 30;
+  uint32_t framesSinceReset = kResetRequested;
   bool sceneChanging = false;
   uint32_t changeDepth = 0;
   bool untouched = true;
@@ -89,8 +96,11 @@ class BackgroundModel {
  private:
   void allocate(int32_t width, int32_t height);
   uint32_t area_scale() const;
+  // Area of one pixel at `depth`, before area_scale(): the pixel's side grows with the depth,
+  // counted in rounded steps of 512 mm so that the sums stay in integers.
+  static constexpr uint32_t kAreaDepthShift = 9;
   static uint32_t area_of(uint32_t depth) {
-    const uint32_t a = (depth + 256) >> 9;
+    const uint32_t a = (depth + (1u << (kAreaDepthShift - 1))) >> kAreaDepthShift;
     return a * a;
   }
   uint16_t depth_of(uint32_t shift) const {

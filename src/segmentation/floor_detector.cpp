@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
+#include <limits>
 #include <utility>
 
 #include <Eigen/Eigenvalues>
@@ -14,17 +15,57 @@ namespace {
 // Shift-to-depth model behind the plane geometry: depth ~ kB / (shift - kA) millimetres.
 constexpr double kA = 1086.1711023707649;
 constexpr double kB = -342205.32284491777;
+// The model's angular resolution is given for an image of kModelColumns columns.
+constexpr uint32_t kModelColumns = 1280;
 constexpr double kRadiansPerPixelAt1280 = 0.10520000010728836 / 120.0;
+constexpr double kMaxTiltRadians = 0.2617993877991494;  // 15 degrees
+
+// Lengths, determinants and shares at or below this are taken as zero.
+constexpr double kDegenerate = 1e-8;
+// The largest float below 2^31: a clamped coefficient always fits an i32.
+constexpr double kLargestFixed = 2147483520.0;
+
+// A hypothesis is valid when at least this share of the image lies on it, and its score
+// counts five pixels on the plane against one beyond it.
+constexpr double kMinOnShare = 0.005;
+constexpr double kOnWeight = 0.2;
+
+// Histogram search: local normals from grid samples kNeighbourStep apart, the plane offsets
+// of the upward ones binned kBinWidth apart; a peak takes up to kPeakSpread bins either side
+// and must cover kMinPeakArea mm^2 to be the floor (each grid sample standing for the step x
+// step pixels around it).
+constexpr int32_t kHistogramBins = 50;
+constexpr int32_t kBinWidth = 30;
+constexpr int32_t kSelectionUpperWidth = 31;  // a little wider on the far side of the band
+constexpr int32_t kNeighbourStep = 2;
+constexpr int32_t kPeakSpread = 3;
+constexpr int32_t kMinPeakArea = 50000;
+constexpr double kOutOfReach = 1e9;  // offsets and rows beyond this belong to no plane in view
+// The fit drops samples while any lies more than this many shift steps off it.
+constexpr int64_t kMaxResidual = 1;
+
+// Random search: the draws it may make, and a normal component no unit normal reaches.
+constexpr int32_t kRandomDraws = 100;
+constexpr double kNoNormal = -1.5;
+// Refinements a new floor gets to become valid.
+constexpr int kImprovementRounds = 3;
+
+// Measured plane: points within this many depth steps of the first fit make the second, and
+// the points must spread in two directions (smallest eigenvalue well below the next).
+constexpr double kInlierSteps = 1.5;
+constexpr double kPlaneEigenRatio = 4.0;
+// A cross product of three world points this short (mm^2): they lie on one line.
+constexpr double kNoSpan = 1e-9;
 
 int32_t to_fixed(double v) {
   if (!std::isfinite(v)) return 0;
-  const double scaled = std::clamp(v * 1024.0, -2147483520.0, 2147483520.0);
+  const double scaled = std::clamp(v * double(1 << kFloorFixedBits), -kLargestFixed, kLargestFixed);
   return static_cast<int32_t>(std::lround(scaled));
 }
 
 void normalise(double v[3]) {
   const double length = std::sqrt(v[0] * v[0] + v[1] * v[1] + v[2] * v[2]);
-  if (length <= 1e-8) {
+  if (length <= kDegenerate) {
     v[0] = 1, v[1] = 0, v[2] = 0;
     return;
   }
@@ -33,7 +74,7 @@ void normalise(double v[3]) {
 
 }  // namespace
 
-const double FloorDetector::kTiltLimit = std::cos(0.2617993877991494);
+const double FloorDetector::kTiltLimit = std::cos(kMaxTiltRadians);
 
 void FloorHypothesis::allocate(int32_t width, int32_t height) {
   a = b = c = 0;
@@ -55,7 +96,7 @@ void FloorDetector::start(uint32_t width, uint32_t height, const uint16_t* shift
   mapper_ = mapper;
   step_ = int32_t(width / kGridColumns);
   random_.seed(1);
-  const double q = width >= 1 ? double(1280 / width) : 0.0;
+  const double q = width >= 1 ? double(kModelColumns / width) : 0.0;
   const double k = q > 0 ? 1.0 / (q * kRadiansPerPixelAt1280) : 0.0;
   for (int32_t s = 0; s < kShiftTableSize; ++s) {
     focalTerm_[size_t(s)] = (s - kA) * k / kB;
@@ -103,7 +144,7 @@ void FloorDetector::update(const Array2D<uint16_t>& shift, const Array2D<uint16_
 void FloorDetector::full_search(FloorHypothesis& h, FloorHypothesis& work, const Array2D<uint16_t>& background) {
   if (!histogram_search(h, background) && !random_search(h, background)) return;
   evaluate(h, background);
-  for (int i = 0; i < 3 && !h.valid; ++i) {
+  for (int i = 0; i < kImprovementRounds && !h.valid; ++i) {
     refine(h, work, background);
     if (work.normal[1] < kTiltLimit) break;
     evaluate(work, background);
@@ -120,7 +161,7 @@ void FloorDetector::evaluate(FloorHypothesis& h, const Array2D<uint16_t>& image)
   const FloorShiftTest test(h.a, h.b, h.c);
   Array2D<uint8_t>& mask = *h.mask;
   const int32_t w = int32_t(width_), hh = int32_t(height_);
-  for (int32_t y = 2 * hh / 3; y < hh; ++y) {
+  for (int32_t y = floor_rows_begin(hh); y < hh; ++y) {
     const uint16_t* s = image.row(y);
     uint8_t* m = mask.row(y);
     const uint32_t rowBase = test.row(y);
@@ -130,15 +171,15 @@ void FloorDetector::evaluate(FloorHypothesis& h, const Array2D<uint16_t>& image)
       h.beyondCount += m[x] == kBeyondFloor;
     }
   }
-  h.score = h.onCount * 0.2 - h.beyondCount;
-  h.valid = h.onCount >= width_ * height_ * 0.005 && h.onCount * 0.2 >= h.beyondCount;
+  h.score = h.onCount * kOnWeight - h.beyondCount;
+  h.valid = h.onCount >= width_ * height_ * kMinOnShare && h.onCount * kOnWeight >= h.beyondCount;
 }
 
 void FloorDetector::mark_floor(FloorHypothesis& h, const Array2D<uint16_t>& image) const {
   const FloorShiftTest test(h.a, h.b, h.c);
   Array2D<uint8_t>& mask = *h.mask;
   const int32_t w = int32_t(width_), hh = int32_t(height_);
-  for (int32_t y = 2 * hh / 3; y < hh; ++y) {
+  for (int32_t y = floor_rows_begin(hh); y < hh; ++y) {
     const uint16_t* s = image.row(y);
     uint8_t* m = mask.row(y);
     const uint32_t rowBase = test.row(y);
@@ -156,7 +197,7 @@ void FloorDetector::solve(const Sums& m, double& a, double& b, double& c) {
   const double c12 = m01 * m02 - m00 * m12;
   const double c22 = m00 * m11 - m01 * m01;
   const double det = m00 * c00 + m01 * c01 + m02 * c02;
-  if (std::abs(det) <= 1e-8) return;
+  if (std::abs(det) <= kDegenerate) return;
   const double i00 = c00 / det, i01 = c01 / det, i02 = c02 / det;
   const double i11 = c11 / det, i12 = c12 / det, i22 = c22 / det;
   a = i00 * m.xs + i01 * m.ys + i02 * m.s;
@@ -177,15 +218,15 @@ void FloorDetector::build_grid(const Array2D<uint16_t>& background) {
 bool FloorDetector::histogram_search(FloorHypothesis& h, const Array2D<uint16_t>& background) {
   if (step_ <= 0) return false;
   build_grid(background);
-  double histogram[50] = {};
+  double histogram[kHistogramBins] = {};
   int32_t count = 0;
   selected_.reset();
   const int32_t halfW = int32_t(width_ / 2), halfH = int32_t(height_ / 2);
-  for (int32_t r = 2 * kGridRows / 3; r < kGridRows; ++r) {
-    for (int32_t c = 2; c < kGridColumns; ++c) {
+  for (int32_t r = floor_rows_begin(kGridRows); r < kGridRows; ++r) {
+    for (int32_t c = kNeighbourStep; c < kGridColumns; ++c) {
       const int32_t B = grid_[size_t(r * kGridColumns + c)];
-      const int32_t A = grid_[size_t(r * kGridColumns + c - 2)];
-      const int32_t C = grid_[size_t((r - 2) * kGridColumns + c)];
+      const int32_t A = grid_[size_t(r * kGridColumns + c - kNeighbourStep)];
+      const int32_t C = grid_[size_t((r - kNeighbourStep) * kGridColumns + c)];
       if (A == 0 || B == 0 || C == 0 || !term_index(B)) continue;
       const int32_t x = c * step_ - halfW;
       const int32_t y = r * step_ - halfH;
@@ -193,38 +234,38 @@ bool FloorDetector::histogram_search(FloorHypothesis& h, const Array2D<uint16_t>
       const double k = focalTerm_[size_t(B)];
       const double v[3] = {k * dA, k * dC,
                            (double(y) * dC + double(x) * dA) * inverseDepthTerm_[size_t(B)] +
-                               2.0 * step_ * curvatureTerm_[size_t(B)]};
+                               double(kNeighbourStep) * step_ * curvatureTerm_[size_t(B)]};
       const double length = std::sqrt(v[0] * v[0] + v[1] * v[1] + v[2] * v[2]);
-      const double share = length > 1e-8 ? k * dC / length : 0.0;
+      const double share = length > kDegenerate ? k * dC / length : 0.0;
       if (std::abs(share) < kTiltLimit) continue;
-      int32_t stepTerm = 2 * step_;
+      int32_t stepTerm = kNeighbourStep * step_;
       if (share < 0) dA = -dA, dC = -dC, stepTerm = -stepTerm;
       double m[3] = {double(dA), double(dC), double(stepTerm)};
       normalise(m);
       const double offset = std::trunc(x * m[0] + y * m[1] + B * m[2]);
-      if (offset < 1 || offset > 1e9) continue;
+      if (offset < 1 || offset > kOutOfReach) continue;
       const int32_t D = int32_t(offset);
       offsets_[size_t(count)] = D;
       samples_[size_t(count)] = {x + halfW, y + halfH, B};
       selected_.set(size_t(count));
       ++count;
-      histogram[std::min(D / 30, 49)] += mapper_->pixel_area_at(depth_of(B));
+      histogram[std::min(D / kBinWidth, kHistogramBins - 1)] += mapper_->pixel_area_at(depth_of(B));
     }
   }
   if (count == 0) return false;
 
-  const double minMass = double(50000 / (step_ * step_));
+  const double minMass = double(kMinPeakArea / (step_ * step_));
   int32_t low = -1, high = -1;
-  for (int32_t p = 1; p <= 48; ++p) {
+  for (int32_t p = 1; p <= kHistogramBins - 2; ++p) {
     if (!(histogram[p] > histogram[p - 1] && histogram[p] > histogram[p + 1])) continue;
     double mass = histogram[p];
     int32_t lo = p, hi = p;
-    for (int32_t i = p + 1; i <= std::min(p + 3, 49); ++i) {
+    for (int32_t i = p + 1; i <= std::min(p + kPeakSpread, kHistogramBins - 1); ++i) {
       if (histogram[i] == 0) break;
       mass += histogram[i];
       hi = i;
     }
-    for (int32_t i = p - 1; i >= std::max(p - 3, 1); --i) {
+    for (int32_t i = p - 1; i >= std::max(p - kPeakSpread, 1); --i) {
       if (histogram[i] == 0) break;
       mass += histogram[i];
       lo = i;
@@ -237,7 +278,7 @@ bool FloorDetector::histogram_search(FloorHypothesis& h, const Array2D<uint16_t>
   int32_t kept = 0;
   for (int32_t i = 0; i < count; ++i) {
     const int32_t D = offsets_[size_t(i)];
-    if (30 * low < D && D < 31 * high) {
+    if (kBinWidth * low < D && D < kSelectionUpperWidth * high) {
       const Sample& s = samples_[size_t(i)];
       sums.add(s.x, s.y, s.shift);
       ++kept;
@@ -258,7 +299,7 @@ bool FloorDetector::histogram_search(FloorHypothesis& h, const Array2D<uint16_t>
       const int64_t truncated = residual < 9e18 ? int64_t(residual) : INT64_MAX;
       if (truncated > worst) worst = truncated, worstIndex = i;
     }
-    if (worst <= 1) break;
+    if (worst <= kMaxResidual) break;
     const Sample& s = samples_[size_t(worstIndex)];
     selected_.reset(size_t(worstIndex));
     sums.add(s.x, s.y, s.shift, -1.0);
@@ -278,12 +319,12 @@ bool FloorDetector::histogram_search(FloorHypothesis& h, const Array2D<uint16_t>
 }
 
 bool FloorDetector::random_search(FloorHypothesis& h, const Array2D<uint16_t>& background) {
-  h.normal[1] = -1.5;
+  h.normal[1] = kNoNormal;
   const uint32_t third = height_ / 3;
   if (width_ == 0 || third == 0) return false;
   Sample points[3];
   int32_t kept = 0;
-  for (int32_t draws = 0; draws < 100;) {
+  for (int32_t draws = 0; draws < kRandomDraws;) {
     const int32_t x = int32_t(random_() % width_);
     const int32_t y = int32_t(height_ - random_() % third - 1);
     ++draws;
@@ -306,7 +347,7 @@ void FloorDetector::refine(const FloorHypothesis& from, FloorHypothesis& to, con
   int32_t refX = -1, refShift = 0;
   const int32_t w = int32_t(width_), hh = int32_t(height_);
   const Array2D<uint8_t>& mask = *from.mask;
-  for (int32_t y = 2 * hh / 3; y < hh; ++y) {
+  for (int32_t y = floor_rows_begin(hh); y < hh; ++y) {
     const uint8_t* m = mask.row(y);
     const uint16_t* s = background.row(y);
     for (int32_t x = 0; x < w; ++x) {
@@ -336,7 +377,7 @@ bool FloorDetector::normal_of(const double a[3], const double b[3], const double
   const double u[3] = {b[0] - a[0], b[1] - a[1], b[2] - a[2]}, v[3] = {c[0] - a[0], c[1] - a[1], c[2] - a[2]};
   n[0] = u[1] * v[2] - u[2] * v[1], n[1] = u[2] * v[0] - u[0] * v[2], n[2] = u[0] * v[1] - u[1] * v[0];
   const double length = std::sqrt(n[0] * n[0] + n[1] * n[1] + n[2] * n[2]);
-  if (!(length > 1e-9)) return false;
+  if (!(length > kNoSpan)) return false;
   const double sign = n[1] < 0 ? -1.0 : 1.0;
   for (int k = 0; k < 3; ++k) n[k] *= sign / length;
   return true;
@@ -347,7 +388,7 @@ void FloorDetector::compute_world_plane(FloorHypothesis& h, int32_t x0, int32_t 
     h.normal[0] = 1, h.normal[1] = 0, h.normal[2] = 0;
     return;
   }
-  const double y0 = std::abs(h.b) > 2.220446049250313e-16 ? (s0 - h.c - h.a * x0) / h.b : 0.0;
+  const double y0 = std::abs(h.b) > std::numeric_limits<double>::epsilon() ? (s0 - h.c - h.a * x0) / h.b : 0.0;
   const double xc = double(x0 - int32_t(width_ / 2));
   const double yc = y0 - double(height_ / 2);
   const double ft = focalTerm_[size_t(s0)];
@@ -372,7 +413,7 @@ void FloorDetector::compute_world_plane(FloorHypothesis& h, int32_t x0, int32_t 
 
   const uint16_t z0 = depth_of(s0);
   const double p = mapper_->pixel_size_at(z0);
-  const double y0t = std::abs(y0) < 1e9 ? std::trunc(y0) : 0.0;
+  const double y0t = std::abs(y0) < kOutOfReach ? std::trunc(y0) : 0.0;
   const double X0 = (x0 - mapper_->centerX) * p;
   const double Y0 = (mapper_->centerY - y0t) * p;
   const double d = -(n[0] * X0 + n[1] * Y0 + n[2] * z0);
@@ -392,11 +433,11 @@ void FloorDetector::measure_world_plane(FloorHypothesis& h, const Array2D<uint16
   const int32_t w = int32_t(width_), hh = int32_t(height_);
   const Array2D<uint8_t>& mask = *h.mask;
   points_.clear();
-  for (int32_t y = 2 * hh / 3; y < hh; ++y) {
+  for (int32_t y = floor_rows_begin(hh); y < hh; ++y) {
     const uint8_t* m = mask.row(y);
     const uint16_t* s = image.row(y);
     for (int32_t x = 0; x < w; ++x) {
-      if (m[x] != 1) continue;
+      if (m[x] != kOnFloor) continue;
       const double d0 = depth_of(s[x]), d1 = depth_of(s[x] + 1);
       if (d0 == 0) continue;
       const double depth = d1 > d0 ? 0.5 * (d0 + d1) : d0;
@@ -415,7 +456,8 @@ void FloorDetector::measure_world_plane(FloorHypothesis& h, const Array2D<uint16
 bool FloorDetector::fit_plane(const std::vector<WorldSample>& points, const double* near, double plane[4]) {
   double n = 0, sum[3] = {0, 0, 0}, sq[6] = {0, 0, 0, 0, 0, 0};
   for (const WorldSample& q : points) {
-    if (near && std::abs(near[0] * q.p[0] + near[1] * q.p[1] + near[2] * q.p[2] + near[3]) > 1.5 * q.step) continue;
+    if (near && std::abs(near[0] * q.p[0] + near[1] * q.p[1] + near[2] * q.p[2] + near[3]) > kInlierSteps * q.step)
+      continue;
     const double weight = 1.0 / (q.step * q.step);
     const double* p = q.p;
     n += weight;
@@ -436,7 +478,8 @@ bool FloorDetector::fit_plane(const std::vector<WorldSample>& points, const doub
   if (solver.info() != Eigen::Success) return false;
   Eigen::Vector3d normal = solver.eigenvectors().col(0);  // smallest eigenvalue first
   // A line of points (a single row) has no plane: its two smallest eigenvalues are alike.
-  if (!normal.allFinite() || normal.norm() < 0.5 || !(solver.eigenvalues()(1) > 4.0 * solver.eigenvalues()(0)))
+  if (!normal.allFinite() || normal.norm() < 0.5 ||
+      !(solver.eigenvalues()(1) > kPlaneEigenRatio * solver.eigenvalues()(0)))
     return false;
   normal.normalize();
   if (normal.y() < 0) normal = -normal;

@@ -22,6 +22,12 @@ enum FloorMark : uint8_t {
   kBeyondFloor = 2,  // farther: the plane cannot be the floor there
 };
 
+// Fraction bits of the plane coefficients in the per-frame test.
+inline constexpr int kFloorFixedBits = 10;
+// A pixel is on the floor within this many shift steps of it either way: the plane's own
+// rounding and the sensor's jitter.
+inline constexpr int32_t kFloorShiftTolerance = 1;
+
 // The floor a x + b y + c as the per-frame test reads it: 22.10 fixed point in unsigned
 // arithmetic, so that a plane that comes out negative lies out of reach of every shift.
 class FloorShiftTest {
@@ -31,9 +37,9 @@ class FloorShiftTest {
   uint32_t row(int32_t y) const { return uint32_t(y) * b_ + c_; }
   FloorMark mark(uint32_t row, int32_t x, uint16_t shift) const {
     if (shift == 0) return kOffFloor;
-    const uint32_t e = (row + uint32_t(x) * a_) >> 10;
-    if (uint32_t(shift) > e + 1) return kBeyondFloor;
-    return int32_t(shift) >= int32_t(e) - 1 ? kOnFloor : kOffFloor;
+    const uint32_t e = (row + uint32_t(x) * a_) >> kFloorFixedBits;
+    if (uint32_t(shift) > e + kFloorShiftTolerance) return kBeyondFloor;
+    return int32_t(shift) >= int32_t(e) - kFloorShiftTolerance ? kOnFloor : kOffFloor;
   }
 
  private:
@@ -65,6 +71,8 @@ class FloorDetector {
   static constexpr int32_t kShiftTableSize = 10001;
   static constexpr double kNoScore = -1e7;
   static const double kTiltLimit;  // cos 15 degrees
+  // The floor is looked for, and marked, in the bottom third of the image only.
+  static constexpr int32_t floor_rows_begin(int32_t rows) { return 2 * rows / 3; }
 
   void start(uint32_t width, uint32_t height, const uint16_t* shiftToDepth, uint32_t shiftToDepthLength,
              const skeleton::SegCoordinateMapper<double>* mapper);

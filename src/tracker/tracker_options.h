@@ -8,9 +8,14 @@
 
 namespace quorvik::skeleton {
 
+// The default camera's fields of view; tools and tests that model that camera take them
+// from here.
+inline constexpr float kDefaultHorizontalFovDegrees = 58.59f;
+inline constexpr float kDefaultVerticalFovDegrees = 45.64f;
+
 struct TrackerOptions {
-  float horizontalFovDegrees = 58.59f;
-  float verticalFovDegrees = 45.64f;
+  float horizontalFovDegrees = kDefaultHorizontalFovDegrees;
+  float verticalFovDegrees = kDefaultVerticalFovDegrees;
   ShiftConversionParams shift;
   std::string dataFilePath;  // empty selects kDefaultDataFile
 };

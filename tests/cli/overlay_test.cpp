@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include "json_lines.h"
+#include "tracker/tracker_options.h"
 
 namespace {
 
@@ -89,7 +90,8 @@ TEST(Overlay, WithoutMasksTheSkeletonAndPlaneStandIn) {
   Scene s;
   s.frame.floorDetected = true;
   // A horizontal plane through the wall's row 100.
-  const float yAtRow100 = (0.5f - 100.f / kH) * 3000.f * std::tan(45.64f * 0.0174533f / 2.f) * 2.f;
+  const float vfov = quorvik::skeleton::kDefaultVerticalFovDegrees * 0.0174533f;
+  const float yAtRow100 = (0.5f - 100.f / kH) * 3000.f * std::tan(vfov / 2.f) * 2.f;
   s.frame.plane = {0.f, 1.f, 0.f, -yAtRow100};
   const RgbImage img = quorvik::cli::render_overlay(s.depth.data(), kW, kH, s.frame);
   EXPECT_FALSE(is_grey(img.at(77, 60))) << "near the bone at the body's distance";

@@ -8,6 +8,7 @@
 #include "renderer.h"
 #include "report.h"
 #include "segmentation/depth_conversion.h"
+#include "tracker/tracker_options.h"
 
 namespace quorvik::eval {
 namespace {
@@ -23,8 +24,9 @@ EvalCase short_case(const std::string& name, int people, uint32_t width, int fra
 // on that joint across the image plane, mirrored or not, for a person off the image centre
 // (where a flipped axis would show).
 TEST(WorldFrame, TrackerPointsAndTruthShareTheirAxes) {
-  const skeleton::DepthCameraModel model(58.59f * skeleton::kDegreesToRadians, 45.64f * skeleton::kDegreesToRadians,
-                                         160.f, 120.f);
+  using skeleton::kDegreesToRadians;
+  const skeleton::DepthCameraModel model(skeleton::kDefaultHorizontalFovDegrees * kDegreesToRadians,
+                                         skeleton::kDefaultVerticalFovDegrees * kDegreesToRadians, 160.f, 120.f);
   for (bool mirrored : {false, true}) {
     SCOPED_TRACE(mirrored);
     const sim::Scenario scenario = build_scenario(short_case("walk-in", 1, 320, 150, 5, mirrored));

@@ -31,7 +31,7 @@ class Harness {
  public:
   Harness()
       : mapper(kW, kH, sim_scene::kHfovDegrees * quorvik::skeleton::kDegreesToRadians,
-               sim_scene::kVfovDegrees * quorvik::skeleton::kDegreesToRadians, 10000),
+               sim_scene::kVfovDegrees * quorvik::skeleton::kDegreesToRadians, sim_scene::kMaxDepthMm),
         users(std::make_unique<UserSegmenter>()) {
     const auto& t = sim_scene::default_tables();
     tables = {1, t.shiftToDepth.data(), uint32_t(t.shiftToDepth.size()), t.depthToShift.data(),

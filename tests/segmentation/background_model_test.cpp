@@ -19,7 +19,8 @@ class ModelDriver {
   static constexpr int kW = 32, kH = 24;
 
   ModelDriver()
-      : mapper(kW, kH, sim_scene::kHfovDegrees * kDegreesToRadians, sim_scene::kVfovDegrees * kDegreesToRadians, 10000) {
+      : mapper(kW, kH, sim_scene::kHfovDegrees * kDegreesToRadians, sim_scene::kVfovDegrees * kDegreesToRadians,
+               sim_scene::kMaxDepthMm) {
     const auto& t = sim_scene::default_tables();
     model.start(kW, kH, t.shiftToDepth.data(), uint32_t(t.shiftToDepth.size()), &mapper);
     for (auto* image : {&raw[0], &raw[1], &shift[0], &shift[1], &shift[2], &shadow, &labels}) {

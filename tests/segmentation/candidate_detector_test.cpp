@@ -13,7 +13,8 @@ namespace {
 class DetectorDriver {
  public:
   explicit DetectorDriver(bool mirrored = false)
-      : mapper(160, 120, sim_scene::kHfovDegrees * kDegreesToRadians, sim_scene::kVfovDegrees * kDegreesToRadians, 10000),
+      : mapper(160, 120, sim_scene::kHfovDegrees * kDegreesToRadians, sim_scene::kVfovDegrees * kDegreesToRadians,
+               sim_scene::kMaxDepthMm),
         detector(std::make_unique<PersonCandidateDetector>()) {
     const auto& t = sim_scene::default_tables();
     detector->start(160, 120, t.shiftToDepth.data(), t.depthToShift.data(), mirrored, &mapper);
@@ -134,7 +135,8 @@ TEST(CandidateDetector, TwoPeopleApartGetTwoCandidates) {
 
 TEST(CandidateDetector, ChainStorageLimitIsSilent) {
   quorvik::skeleton::SegCoordinateMapper<double> mapper(
-      640, 480, sim_scene::kHfovDegrees * kDegreesToRadians, sim_scene::kVfovDegrees * kDegreesToRadians, 10000);
+      640, 480, sim_scene::kHfovDegrees * kDegreesToRadians, sim_scene::kVfovDegrees * kDegreesToRadians,
+      sim_scene::kMaxDepthMm);
   auto detector = std::make_unique<PersonCandidateDetector>();
   const auto& t = sim_scene::default_tables();
   detector->start(640, 480, t.shiftToDepth.data(), t.depthToShift.data(), false, &mapper);

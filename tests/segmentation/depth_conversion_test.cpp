@@ -6,6 +6,7 @@
 
 #include "support/sim_scene.h"
 #include "segmentation/seg_coordinate_mapper.h"
+#include "tracker/tracker_options.h"
 
 using namespace quorvik::skeleton;
 
@@ -71,10 +72,11 @@ TEST(ConversionTables, DegenerateParametersGiveEmptyTables) {
 }
 
 TEST(DepthCameraModel, CentreAxisAndRoundTrip) {
-  const DepthCameraModel model(58.59f * kDegreesToRadians, 45.64f * kDegreesToRadians, 160.f, 120.f);
+  const float hfov = kDefaultHorizontalFovDegrees * kDegreesToRadians;
+  const DepthCameraModel model(hfov, kDefaultVerticalFovDegrees * kDegreesToRadians, 160.f, 120.f);
   EXPECT_FLOAT_EQ(model.centerX, 80.f);
   EXPECT_FLOAT_EQ(model.centerY, 60.f);
-  EXPECT_NEAR(model.focalX, 160.f / (2.f * std::tan(58.59f * kDegreesToRadians / 2.f)), 1e-4);
+  EXPECT_NEAR(model.focalX, 160.f / (2.f * std::tan(hfov / 2.f)), 1e-4);
 
   op::Image<uint16_t> depth(160, 120);
   for (uint32_t i = 0; i < depth.size(); ++i) depth[i] = uint16_t(500 + (i * 37) % 4000);
@@ -117,8 +119,9 @@ TEST(DepthCameraModel, CentreAxisAndRoundTrip) {
 }
 
 TEST(SegCoordinateMapper, TablesAgreeWithTheCameraModel) {
-  const float hfov = 58.59f * kDegreesToRadians, vfov = 45.64f * kDegreesToRadians;
-  const SegCoordinateMapper<double> mapper(160, 120, hfov, vfov, 10000);
+  const float hfov = kDefaultHorizontalFovDegrees * kDegreesToRadians;
+  const float vfov = kDefaultVerticalFovDegrees * kDegreesToRadians;
+  const SegCoordinateMapper<double> mapper(160, 120, hfov, vfov, sim_scene::kMaxDepthMm);
   EXPECT_EQ(mapper.centerX, 80.0);
   EXPECT_EQ(mapper.centerY, 60.0);
   const double fx = double(160.f / (2.f * std::tan(hfov / 2.f)));

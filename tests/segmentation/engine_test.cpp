@@ -126,7 +126,8 @@ TEST(FloorDetection, SameInputSequenceGivesTheSameFloor) {
 TEST(FloorDetection, RandomSearchIsRepeatableAndNeedsValidPixels) {
   const auto& t = sim_scene::default_tables();
   const quorvik::skeleton::SegCoordinateMapper<double> mapper(160, 120, sim_scene::kHfovDegrees * kDegreesToRadians,
-                                                              sim_scene::kVfovDegrees * kDegreesToRadians, 10000);
+                                                              sim_scene::kVfovDegrees * kDegreesToRadians,
+                                                              sim_scene::kMaxDepthMm);
   const std::vector<uint16_t> depth = sim_scene::Scene(1200, 5).floor().render();
   Array2D<uint16_t> background(160, 120);
   for (int32_t i = 0; i < background.size(); ++i) background[i] = t.shift_of(depth[size_t(i)]);

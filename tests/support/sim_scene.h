@@ -14,11 +14,13 @@
 
 #include "segmentation/depth_conversion.h"
 #include "segmentation/segmentation_engine.h"
+#include "tracker/tracker_options.h"
 
 namespace sim_scene {
 
-inline constexpr float kHfovDegrees = 58.59f;
-inline constexpr float kVfovDegrees = 45.64f;
+inline constexpr float kHfovDegrees = quorvik::skeleton::kDefaultHorizontalFovDegrees;
+inline constexpr float kVfovDegrees = quorvik::skeleton::kDefaultVerticalFovDegrees;
+inline constexpr uint16_t kMaxDepthMm = quorvik::skeleton::ShiftConversionParams{}.maxDepth;
 
 struct Person {
   float x = 0, z = 0;   // floor position, mm; the camera stands at x = z = 0

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "segmentation/depth_conversion.h"
+#include "tracker/tracker_options.h"
 
 namespace quorvik::cli {
 
@@ -12,8 +13,6 @@ namespace {
 
 constexpr uint8_t kPalette[10][3] = {{255, 140, 0},  {0, 190, 255}, {80, 220, 60},  {235, 60, 200}, {255, 225, 40},
                                      {70, 100, 255}, {255, 70, 70}, {0, 220, 170},  {180, 120, 255}, {200, 160, 100}};
-constexpr float kHfovDegrees = 58.59f;  // the library's default camera
-constexpr float kVfovDegrees = 45.64f;
 constexpr float kBodyReachMm = 170.f;   // limb girth plus the joints' own error
 constexpr float kFloorBandMm = 60.f;
 
@@ -118,9 +117,11 @@ RgbImage render_overlay(const uint16_t* depth, uint32_t width, uint32_t height, 
   RgbImage img(width, height);
   const size_t n = size_t{width} * height;
   const bool haveMask = frame.bodyMask.size() == n, haveFloor = frame.floorMask.size() == n;
-  const skeleton::DepthCameraModel camera(kHfovDegrees * skeleton::kDegreesToRadians,
-                                          kVfovDegrees * skeleton::kDegreesToRadians, static_cast<float>(width),
-                                          static_cast<float>(height));
+  // The library's default camera: the frame does not say which camera took it.
+  using skeleton::kDegreesToRadians;
+  const skeleton::DepthCameraModel camera(skeleton::kDefaultHorizontalFovDegrees * kDegreesToRadians,
+                                          skeleton::kDefaultVerticalFovDegrees * kDegreesToRadians,
+                                          static_cast<float>(width), static_cast<float>(height));
   std::vector<skeleton::WorldPoint> world(n);
   camera.to_world(depth, width, height, world.data());
   static constexpr uint8_t kFloorTint[3] = {40, 120, 255};

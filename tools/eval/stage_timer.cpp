@@ -55,9 +55,10 @@ class SteppedTracker {
  public:
   explicit SteppedTracker(const DecisionForest* forest)
       : forest_(forest),
-        camera_(58.59f * kDegreesToRadians, 45.64f * kDegreesToRadians, 160.f, 120.f),
+        camera_(kDefaultHorizontalFovDegrees * kDegreesToRadians, kDefaultVerticalFovDegrees * kDegreesToRadians, 160.f,
+                120.f),
         tables_(build_conversion_tables({})),
-        analyzer_(58.59f, 45.64f, 160, 120),
+        analyzer_(kDefaultHorizontalFovDegrees, kDefaultVerticalFovDegrees, 160, 120),
         classifier_(forest),
         labels_(160, 120),
         userIds_(160, 120),

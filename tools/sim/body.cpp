@@ -297,6 +297,201 @@ float pelvis_height(const BodyShape& shape, const Pose& pose) {
   return ground_offset(d, k, pose);
 }
 
+namespace {
+
+// Builds a posed body's parts and the labelers that name their surface, one body region
+// at a time, in the order the parts are drawn.
+class BodyAssembler {
+ public:
+  BodyAssembler(const BodyShape& bodyShape, const Pose& bodyPose, bool swapSides, const BodyDims& dims,
+                const Skeleton& skeleton, PosedBody& posed)
+      : shape(bodyShape), pose(bodyPose), swap(swapSides), d(dims), k(skeleton), out(posed) {
+    out.parts.clear();
+    out.labelers.clear();
+  }
+
+  void assemble() {
+    const Labeler torsoL = torso_labeler();
+    const uint16_t torso = add_labeler(torsoL);
+    const uint16_t head = fixed(kHeadLabel);
+    const uint16_t accessory = fixed(kAccessoryLabel);
+    add_head(head);
+    add_torso(torso);
+    add_limbs(torso);
+    add_clothing(torsoL);
+    add_accessories(accessory);
+  }
+
+ private:
+  uint16_t add_labeler(const Labeler& l) {
+    out.labelers.push_back(l);
+    return static_cast<uint16_t>(out.labelers.size() - 1);
+  }
+  uint16_t fixed(uint8_t label) {
+    Labeler l;
+    l.kind = LabelerKind::Fixed;
+    l.labels[0] = label;
+    return add_labeler(l);
+  }
+  uint16_t segment(Vec3 a, Vec3 b, float c0, float c1, uint8_t l0, uint8_t l1, uint8_t l2) {
+    Labeler l;
+    l.kind = LabelerKind::Segment;
+    l.a = a;
+    l.b = b;
+    l.cut0 = c0;
+    l.cut1 = c1;
+    l.labels[0] = l0;
+    l.labels[1] = l1;
+    l.labels[2] = l2;
+    return add_labeler(l);
+  }
+  void add(Primitive p, uint16_t labeler) {
+    p.labeler = labeler;
+    out.parts.push_back(p);
+  }
+
+  Labeler torso_labeler() const {
+    Labeler torsoL;
+    torsoL.kind = LabelerKind::Torso;
+    torsoL.base = k.base;
+    torsoL.mid = k.mid;
+    torsoL.top = k.top;
+    torsoL.upLow = k.lower.up;
+    torsoL.upHigh = k.chest.up;
+    torsoL.left = k.chest.left;
+    torsoL.lowLen = d.lowSpineLen;
+    torsoL.upLen = d.upSpineLen;
+    torsoL.innerShoulder = 0.5f * d.shoulderHalfSpread;
+    torsoL.swapSides = swap;
+    return torsoL;
+  }
+
+  void add_head(uint16_t head) {
+    const Vec3 hr = d.headRadii;
+    add(make_ellipsoid(k.headCentre, k.head, hr), head);
+    if (shape.hair != Hair::None) {
+      add(make_ellipsoid(k.headCentre + k.head.up * (0.06f * hr.y) - k.head.forward * (0.12f * hr.z), k.head,
+                         {hr.x * 1.07f, hr.y, hr.z * 1.04f}),
+          head);
+      if (shape.hair == Hair::Long)
+        add(make_round_cone(k.headCentre - k.head.forward * (0.45f * hr.z),
+                            k.top - k.chest.forward * (0.6f * d.chestHalfDepth) - k.chest.up * (0.1f * d.upSpineLen),
+                            0.7f * hr.x, 0.8f * hr.x),
+            head);
+      if (shape.hair == Hair::Bun)
+        add(make_round_cone(k.headCentre + k.head.up * (0.5f * hr.y) - k.head.forward * (0.95f * hr.z),
+                            k.headCentre + k.head.up * (0.5f * hr.y) - k.head.forward * (0.95f * hr.z), 0.4f * hr.x,
+                            0.4f * hr.x),
+            head);
+    }
+    add(make_round_cone(k.top, k.headCentre - k.head.up * (0.55f * hr.y), d.neckRadius, d.neckRadius * 0.9f),
+        segment(k.top, k.headCentre, 0.5f, 0.5f, kInnerShoulderLabel, kInnerShoulderLabel, kHeadLabel));
+  }
+
+  void add_torso(uint16_t torso) {
+    add(make_ellipsoid(k.mid + k.chest.up * (0.55f * d.upSpineLen), k.chest,
+                       {d.chestHalfWidth, 0.58f * d.upSpineLen, d.chestHalfDepth}),
+        torso);
+    const float belly = std::max(0.f, shape.build - 1.f) * 0.03f * shape.height;
+    add(make_ellipsoid(k.mid - k.lower.up * (0.15f * d.lowSpineLen) + k.lower.forward * belly, k.lower,
+                       {d.waistHalfWidth, 0.6f * d.lowSpineLen, d.waistHalfDepth + 0.5f * belly}),
+        torso);
+    add(make_ellipsoid(k.base - k.pelvis.up * (0.5f * d.baseAboveHips), k.pelvis,
+                       {d.pelvisHalfWidth, 0.35f * d.lowSpineLen + d.baseAboveHips, d.pelvisHalfDepth}),
+        torso);
+  }
+
+  // Shoulder girdle, arms, hands, legs and feet.
+  void add_limbs(uint16_t torso) {
+    for (int s = 0; s < 2; ++s) {
+      // Shoulder girdle, arm, hand.
+      add(make_round_cone(k.top - k.chest.up * d.shoulderDrop, k.shoulder[s], d.upperArmR0, d.upperArmR0 * 1.05f),
+          torso);
+      add(make_round_cone(k.shoulder[s], k.elbow[s], d.upperArmR0, d.upperArmR1),
+          segment(k.shoulder[s], k.elbow[s], 0.2f, 0.8f, side_label(kShoulderPart, s, swap),
+                  side_label(kUpperArm, s, swap), side_label(kElbow, s, swap)));
+      add(make_round_cone(k.elbow[s], k.wrist[s], d.forearmR0, d.forearmR1),
+          segment(k.elbow[s], k.wrist[s], 0.2f, 0.8f, side_label(kElbow, s, swap), side_label(kForearm, s, swap),
+                  side_label(kHand, s, swap)));
+      const Vec3 fa = k.forearmDir[s], n = k.handNormal[s];
+      add(make_box(k.hand[s], fa, n, normalize(cross(fa, n)),
+                   {d.handLen * 0.5f, 0.012f * shape.height, 0.024f * shape.height}),
+          fixed(side_label(kHand, s, swap)));
+      // Leg, foot.
+      add(make_round_cone(k.hip[s], k.knee[s], d.thighR0, d.thighR1),
+          segment(k.hip[s], k.knee[s], 0.2f, 0.8f, side_label(kHip, s, swap), side_label(kUpperLeg, s, swap),
+                  side_label(kKnee, s, swap)));
+      add(make_round_cone(k.knee[s], k.ankle[s], d.shinR0, d.shinR1),
+          segment(k.knee[s], k.ankle[s], 0.2f, 0.8f, side_label(kKnee, s, swap), side_label(kLowerLeg, s, swap),
+                  side_label(kFoot, s, swap)));
+      const Vec3 ff = k.footDir[s], sd = k.shinDir[s];
+      add(make_box(k.footCentre[s], ff, sd, normalize(cross(ff, sd)),
+                   {d.footLen * 0.5f, d.ankleHeight * 0.5f, d.footWidth * 0.5f}),
+          fixed(side_label(kFoot, s, swap)));
+    }
+  }
+
+  // Clothing takes the labels of the body part underneath.
+  void add_clothing(const Labeler& torsoL) {
+    if (shape.clothing == Clothing::None) return;
+    {
+      Labeler cloth = torsoL;
+      cloth.kind = LabelerKind::Skirt;
+      cloth.upLow = k.pelvis.up;
+      cloth.left = k.pelvis.left;
+      for (int s = 0; s < 2; ++s) {
+        cloth.thighA[s] = k.hip[s];
+        cloth.thighB[s] = k.knee[s];
+      }
+      const uint16_t clothL = add_labeler(cloth);
+      const Vec3 U = k.pelvis.up;
+      const float kneeY = std::max(0.5f * (k.knee[0].y + k.knee[1].y), 0.5f * (k.hip[0].y + k.hip[1].y) - d.thighLen);
+      if (shape.clothing == Clothing::Skirt) {
+        const Vec3 top = k.base + U * (0.02f * shape.height);
+        const Vec3 bottom{top.x, std::max(kneeY + 0.05f * shape.height, 100.f), top.z};
+        add(make_frustum(top, bottom, d.pelvisHalfWidth * 1.04f, d.pelvisHalfWidth * 1.45f, k.pelvis.left, 0.75f),
+            clothL);
+      } else {
+        const Vec3 top = k.top - k.chest.up * (0.03f * shape.height);
+        const Vec3 bottom{k.base.x, std::max(kneeY, 100.f), k.base.z};
+        add(make_frustum(top, bottom, d.chestHalfWidth * 1.05f, d.pelvisHalfWidth * 1.35f, k.chest.left, 0.68f),
+            clothL);
+      }
+    }
+  }
+
+  void add_accessories(uint16_t accessory) {
+    if (shape.bag == Bag::ShoulderBag) {
+      const Vec3 c =
+          k.hip[1] - k.pelvis.left * (d.pelvisHalfWidth * 0.6f + 45.f) + k.pelvis.up * (0.06f * shape.height);
+      add(make_box(c, k.pelvis.left, k.pelvis.up, k.pelvis.forward, {40.f, 0.07f * shape.height, 0.08f * shape.height}),
+          accessory);
+    } else if (shape.bag == Bag::Backpack) {
+      const Vec3 c = k.mid + k.chest.up * (0.5f * d.upSpineLen) - k.chest.forward * (d.chestHalfDepth + 65.f);
+      add(make_box(c, k.chest.left, k.chest.up, k.chest.forward, {0.075f * shape.height, 0.1f * shape.height, 65.f}),
+          accessory);
+    }
+    if (shape.carried == Carried::Phone) {
+      add(make_box(k.hand[1] + k.forearmDir[1] * 30.f, k.forearmDir[1], k.handNormal[1],
+                   normalize(cross(k.forearmDir[1], k.handNormal[1])), {70.f, 12.f, 35.f}),
+          accessory);
+    } else if (shape.carried == Carried::Box && pose.carry > 0.5f && length(k.hand[0] - k.hand[1]) < 800.f) {
+      const Vec3 c = (k.hand[0] + k.hand[1]) * 0.5f + k.chest.forward * 40.f;
+      const float w = std::max(120.f, 0.5f * length(k.hand[0] - k.hand[1]) - 20.f);
+      add(make_box(c, k.chest.left, k.chest.up, k.chest.forward, {w, 130.f, 140.f}), accessory);
+    }
+  }
+
+  const BodyShape& shape;
+  const Pose& pose;
+  const bool swap;
+  const BodyDims& d;
+  const Skeleton& k;
+  PosedBody& out;
+};
+
+}  // namespace
+
 void pose_body(const BodyShape& shape, const Pose& pose, bool swap, PosedBody& out) {
   const BodyDims d = body_dims(shape);
   Skeleton k = build_skeleton(d, pose);
@@ -318,152 +513,7 @@ void pose_body(const BodyShape& shape, const Pose& pose, bool swap, PosedBody& o
     j[kFootJ[s]] = (k.ankle[s] + k.footCentre[s]) * 0.5f;
   }
 
-  out.parts.clear();
-  out.labelers.clear();
-  auto add_labeler = [&](const Labeler& l) {
-    out.labelers.push_back(l);
-    return static_cast<uint16_t>(out.labelers.size() - 1);
-  };
-  auto fixed = [&](uint8_t label) {
-    Labeler l;
-    l.kind = LabelerKind::Fixed;
-    l.labels[0] = label;
-    return add_labeler(l);
-  };
-  auto segment = [&](Vec3 a, Vec3 b, float c0, float c1, uint8_t l0, uint8_t l1, uint8_t l2) {
-    Labeler l;
-    l.kind = LabelerKind::Segment;
-    l.a = a;
-    l.b = b;
-    l.cut0 = c0;
-    l.cut1 = c1;
-    l.labels[0] = l0;
-    l.labels[1] = l1;
-    l.labels[2] = l2;
-    return add_labeler(l);
-  };
-  auto add = [&](Primitive p, uint16_t labeler) {
-    p.labeler = labeler;
-    out.parts.push_back(p);
-  };
-
-  Labeler torsoL;
-  torsoL.kind = LabelerKind::Torso;
-  torsoL.base = k.base;
-  torsoL.mid = k.mid;
-  torsoL.top = k.top;
-  torsoL.upLow = k.lower.up;
-  torsoL.upHigh = k.chest.up;
-  torsoL.left = k.chest.left;
-  torsoL.lowLen = d.lowSpineLen;
-  torsoL.upLen = d.upSpineLen;
-  torsoL.innerShoulder = 0.5f * d.shoulderHalfSpread;
-  torsoL.swapSides = swap;
-  const uint16_t torso = add_labeler(torsoL);
-  const uint16_t head = fixed(kHeadLabel);
-  const uint16_t accessory = fixed(kAccessoryLabel);
-
-  // Head, hair, neck.
-  const Vec3 hr = d.headRadii;
-  add(make_ellipsoid(k.headCentre, k.head, hr), head);
-  if (shape.hair != Hair::None) {
-    add(make_ellipsoid(k.headCentre + k.head.up * (0.06f * hr.y) - k.head.forward * (0.12f * hr.z), k.head,
-                       {hr.x * 1.07f, hr.y, hr.z * 1.04f}),
-        head);
-    if (shape.hair == Hair::Long)
-      add(make_round_cone(k.headCentre - k.head.forward * (0.45f * hr.z),
-                          k.top - k.chest.forward * (0.6f * d.chestHalfDepth) - k.chest.up * (0.1f * d.upSpineLen),
-                          0.7f * hr.x, 0.8f * hr.x),
-          head);
-    if (shape.hair == Hair::Bun)
-      add(make_round_cone(k.headCentre + k.head.up * (0.5f * hr.y) - k.head.forward * (0.95f * hr.z),
-                          k.headCentre + k.head.up * (0.5f * hr.y) - k.head.forward * (0.95f * hr.z), 0.4f * hr.x,
-                          0.4f * hr.x),
-          head);
-  }
-  add(make_round_cone(k.top, k.headCentre - k.head.up * (0.55f * hr.y), d.neckRadius, d.neckRadius * 0.9f),
-      segment(k.top, k.headCentre, 0.5f, 0.5f, kInnerShoulderLabel, kInnerShoulderLabel, kHeadLabel));
-
-  // Torso.
-  add(make_ellipsoid(k.mid + k.chest.up * (0.55f * d.upSpineLen), k.chest,
-                     {d.chestHalfWidth, 0.58f * d.upSpineLen, d.chestHalfDepth}),
-      torso);
-  const float belly = std::max(0.f, shape.build - 1.f) * 0.03f * shape.height;
-  add(make_ellipsoid(k.mid - k.lower.up * (0.15f * d.lowSpineLen) + k.lower.forward * belly, k.lower,
-                     {d.waistHalfWidth, 0.6f * d.lowSpineLen, d.waistHalfDepth + 0.5f * belly}),
-      torso);
-  add(make_ellipsoid(k.base - k.pelvis.up * (0.5f * d.baseAboveHips), k.pelvis,
-                     {d.pelvisHalfWidth, 0.35f * d.lowSpineLen + d.baseAboveHips, d.pelvisHalfDepth}),
-      torso);
-
-  for (int s = 0; s < 2; ++s) {
-    // Shoulder girdle, arm, hand.
-    add(make_round_cone(k.top - k.chest.up * d.shoulderDrop, k.shoulder[s], d.upperArmR0, d.upperArmR0 * 1.05f), torso);
-    add(make_round_cone(k.shoulder[s], k.elbow[s], d.upperArmR0, d.upperArmR1),
-        segment(k.shoulder[s], k.elbow[s], 0.2f, 0.8f, side_label(kShoulderPart, s, swap),
-                side_label(kUpperArm, s, swap), side_label(kElbow, s, swap)));
-    add(make_round_cone(k.elbow[s], k.wrist[s], d.forearmR0, d.forearmR1),
-        segment(k.elbow[s], k.wrist[s], 0.2f, 0.8f, side_label(kElbow, s, swap), side_label(kForearm, s, swap),
-                side_label(kHand, s, swap)));
-    const Vec3 fa = k.forearmDir[s], n = k.handNormal[s];
-    add(make_box(k.hand[s], fa, n, normalize(cross(fa, n)),
-                 {d.handLen * 0.5f, 0.012f * shape.height, 0.024f * shape.height}),
-        fixed(side_label(kHand, s, swap)));
-    // Leg, foot.
-    add(make_round_cone(k.hip[s], k.knee[s], d.thighR0, d.thighR1),
-        segment(k.hip[s], k.knee[s], 0.2f, 0.8f, side_label(kHip, s, swap), side_label(kUpperLeg, s, swap),
-                side_label(kKnee, s, swap)));
-    add(make_round_cone(k.knee[s], k.ankle[s], d.shinR0, d.shinR1),
-        segment(k.knee[s], k.ankle[s], 0.2f, 0.8f, side_label(kKnee, s, swap), side_label(kLowerLeg, s, swap),
-                side_label(kFoot, s, swap)));
-    const Vec3 ff = k.footDir[s], sd = k.shinDir[s];
-    add(make_box(k.footCentre[s], ff, sd, normalize(cross(ff, sd)),
-                 {d.footLen * 0.5f, d.ankleHeight * 0.5f, d.footWidth * 0.5f}),
-        fixed(side_label(kFoot, s, swap)));
-  }
-
-  // Clothing takes the labels of the body part underneath.
-  if (shape.clothing != Clothing::None) {
-    Labeler cloth = torsoL;
-    cloth.kind = LabelerKind::Skirt;
-    cloth.upLow = k.pelvis.up;
-    cloth.left = k.pelvis.left;
-    for (int s = 0; s < 2; ++s) {
-      cloth.thighA[s] = k.hip[s];
-      cloth.thighB[s] = k.knee[s];
-    }
-    const uint16_t clothL = add_labeler(cloth);
-    const Vec3 U = k.pelvis.up;
-    const float kneeY = std::max(0.5f * (k.knee[0].y + k.knee[1].y), 0.5f * (k.hip[0].y + k.hip[1].y) - d.thighLen);
-    if (shape.clothing == Clothing::Skirt) {
-      const Vec3 top = k.base + U * (0.02f * shape.height);
-      const Vec3 bottom{top.x, std::max(kneeY + 0.05f * shape.height, 100.f), top.z};
-      add(make_frustum(top, bottom, d.pelvisHalfWidth * 1.04f, d.pelvisHalfWidth * 1.45f, k.pelvis.left, 0.75f), clothL);
-    } else {
-      const Vec3 top = k.top - k.chest.up * (0.03f * shape.height);
-      const Vec3 bottom{k.base.x, std::max(kneeY, 100.f), k.base.z};
-      add(make_frustum(top, bottom, d.chestHalfWidth * 1.05f, d.pelvisHalfWidth * 1.35f, k.chest.left, 0.68f),
-          clothL);
-    }
-  }
-  if (shape.bag == Bag::ShoulderBag) {
-    const Vec3 c = k.hip[1] - k.pelvis.left * (d.pelvisHalfWidth * 0.6f + 45.f) + k.pelvis.up * (0.06f * shape.height);
-    add(make_box(c, k.pelvis.left, k.pelvis.up, k.pelvis.forward, {40.f, 0.07f * shape.height, 0.08f * shape.height}),
-        accessory);
-  } else if (shape.bag == Bag::Backpack) {
-    const Vec3 c = k.mid + k.chest.up * (0.5f * d.upSpineLen) - k.chest.forward * (d.chestHalfDepth + 65.f);
-    add(make_box(c, k.chest.left, k.chest.up, k.chest.forward, {0.075f * shape.height, 0.1f * shape.height, 65.f}),
-        accessory);
-  }
-  if (shape.carried == Carried::Phone) {
-    add(make_box(k.hand[1] + k.forearmDir[1] * 30.f, k.forearmDir[1], k.handNormal[1],
-                 normalize(cross(k.forearmDir[1], k.handNormal[1])), {70.f, 12.f, 35.f}),
-        accessory);
-  } else if (shape.carried == Carried::Box && pose.carry > 0.5f && length(k.hand[0] - k.hand[1]) < 800.f) {
-    const Vec3 c = (k.hand[0] + k.hand[1]) * 0.5f + k.chest.forward * 40.f;
-    const float w = std::max(120.f, 0.5f * length(k.hand[0] - k.hand[1]) - 20.f);
-    add(make_box(c, k.chest.left, k.chest.up, k.chest.forward, {w, 130.f, 140.f}), accessory);
-  }
+  BodyAssembler(shape, pose, swap, d, k, out).assemble();
 }
 
 const char* label_name(int label) {

@@ -139,79 +139,96 @@ float envelope(float tau, float d, float ramp) {
 
 Pose Timeline::step_pose(const Step& s, float t) const {
   const float tau = std::clamp(t, s.t0, s.t1) - s.t0;
+  const float u = tau / (s.t1 - s.t0);
+  const Pose rest = rest_pose(s, s.x0, s.z0, s.h0);
+  switch (s.activity) {
+    case Activity::Stand:
+      return stand_pose(rest, t);
+    case Activity::Walk:
+      return walk_pose(s, rest, t, u);
+    case Activity::Turn:
+      return turn_pose(s, rest, tau, u);
+    case Activity::Sit:
+      return sit_pose(s, rest, t);
+    default:
+      return gesture_pose(s, rest, t);
+  }
+}
+
+Pose Timeline::stand_pose(const Pose& rest, float t) const {
+  Pose p = rest;
+  const float w = 2.f * kPi * (t + phase_);
+  p.lean += deg(1.2f) * std::sin(0.23f * w);
+  p.sideBend += deg(1.f) * std::sin(0.17f * w + 1.f);
+  p.headYaw = deg(12) * std::sin(0.07f * w + phase_);
+  p.headPitch = deg(4) * std::sin(0.11f * w);
+  return p;
+}
+
+Pose Timeline::walk_pose(const Step& s, const Pose& rest, float t, float u) const {
+  const float scale = std::sqrt(shape_.height / 1750.f);
+  Pose p = rest;
+  p.x = s.x0 + (s.x1 - s.x0) * u;
+  p.z = s.z0 + (s.z1 - s.z0) * u;
+  const float period = 1.1f * scale / std::sqrt(s.speed);
+  const float phi = 2.f * kPi * (t / period + phase_);
+  const float v = 1250.f * s.speed * scale;
+  const float legLen = 0.53f * shape_.height;
+  const float amp = std::asin(std::min(0.6f, v * period * 0.25f / legLen));
+  for (int k = 0; k < 2; ++k) {
+    const float ph = phi + (k == 0 ? 0.f : kPi);
+    p.leg[k].flex = deg(4) + amp * std::sin(ph);
+    const float c = std::max(0.f, std::cos(ph - 0.5f));
+    p.leg[k].bend = deg(8) + deg(58) * c * c;
+    p.leg[k].abduct = deg(2);
+    if (p.carry < 0.5f) {
+      p.arm[k].flex = -deg(20) * std::sin(ph) * s.speed;
+      p.arm[k].bend = deg(20) + deg(12) * (1.f - std::sin(ph));
+    }
+  }
+  p.lean = deg(4) + deg(3) * (s.speed - 1.f);
+  if (s.variant > 0.5f) {  // pushing
+    for (int k = 0; k < 2; ++k) p.arm[k] = {deg(70), deg(12), 0.f, deg(30)};
+    p.lean = deg(15);
+  }
+  p.twist = deg(4) * std::sin(phi);
+  p.headYaw = deg(5) * std::sin(0.1f * phi);
+  return p;
+}
+
+Pose Timeline::turn_pose(const Step& s, const Pose& rest, float tau, float u) const {
+  Pose p = rest;
+  p.heading = s.h0 + angle_diff(s.h0, s.h1) * smoothstep(u);
+  const float lift = std::sin(2.f * kPi * tau / 0.9f);
+  p.leg[0].flex = deg(12) * std::max(0.f, lift);
+  p.leg[1].flex = deg(12) * std::max(0.f, -lift);
+  p.leg[0].bend = 2.f * p.leg[0].flex + deg(3);
+  p.leg[1].bend = 2.f * p.leg[1].flex + deg(3);
+  return p;
+}
+
+Pose Timeline::sit_pose(const Step& s, const Pose& rest, float t) const {
+  Pose p = rest;
+  const BodyDims dims = body_dims(shape_);
+  const float hipY = s.seatHeight + dims.thighR0 * 0.8f;
+  const float knee = std::asin(std::clamp((hipY - dims.ankleHeight) / dims.shinLen, 0.3f, 1.f));
+  for (int k = 0; k < 2; ++k) {
+    p.leg[k] = {deg(88), deg(9), 0.f, knee};
+    if (p.carry < 0.5f) p.arm[k] = {deg(25), deg(6), deg(-10), deg(60)};
+  }
+  p.lean = deg(6);
+  p.seat = 1.f;
+  p.seatHeight = s.seatHeight;
+  p.headYaw = deg(10) * std::sin(2.f * kPi * (0.05f * t + phase_));
+  return p;
+}
+
+// Gestures: from rest into the gesture and back within the step.
+Pose Timeline::gesture_pose(const Step& s, const Pose& rest, float t) const {
+  const float tau = std::clamp(t, s.t0, s.t1) - s.t0;
   const float d = s.t1 - s.t0;
   const float u = tau / d;
-  const float scale = std::sqrt(shape_.height / 1750.f);
-  Pose rest = rest_pose(s, s.x0, s.z0, s.h0);
   const int side = s.side;
-  switch (s.activity) {
-    case Activity::Stand: {
-      Pose p = rest;
-      const float w = 2.f * kPi * (t + phase_);
-      p.lean += deg(1.2f) * std::sin(0.23f * w);
-      p.sideBend += deg(1.f) * std::sin(0.17f * w + 1.f);
-      p.headYaw = deg(12) * std::sin(0.07f * w + phase_);
-      p.headPitch = deg(4) * std::sin(0.11f * w);
-      return p;
-    }
-    case Activity::Walk: {
-      Pose p = rest;
-      p.x = s.x0 + (s.x1 - s.x0) * u;
-      p.z = s.z0 + (s.z1 - s.z0) * u;
-      const float period = 1.1f * scale / std::sqrt(s.speed);
-      const float phi = 2.f * kPi * (t / period + phase_);
-      const float v = 1250.f * s.speed * scale;
-      const float legLen = 0.53f * shape_.height;
-      const float amp = std::asin(std::min(0.6f, v * period * 0.25f / legLen));
-      for (int k = 0; k < 2; ++k) {
-        const float ph = phi + (k == 0 ? 0.f : kPi);
-        p.leg[k].flex = deg(4) + amp * std::sin(ph);
-        const float c = std::max(0.f, std::cos(ph - 0.5f));
-        p.leg[k].bend = deg(8) + deg(58) * c * c;
-        p.leg[k].abduct = deg(2);
-        if (p.carry < 0.5f) {
-          p.arm[k].flex = -deg(20) * std::sin(ph) * s.speed;
-          p.arm[k].bend = deg(20) + deg(12) * (1.f - std::sin(ph));
-        }
-      }
-      p.lean = deg(4) + deg(3) * (s.speed - 1.f);
-      if (s.variant > 0.5f) {  // pushing
-        for (int k = 0; k < 2; ++k) p.arm[k] = {deg(70), deg(12), 0.f, deg(30)};
-        p.lean = deg(15);
-      }
-      p.twist = deg(4) * std::sin(phi);
-      p.headYaw = deg(5) * std::sin(0.1f * phi);
-      return p;
-    }
-    case Activity::Turn: {
-      Pose p = rest;
-      p.heading = s.h0 + angle_diff(s.h0, s.h1) * smoothstep(u);
-      const float lift = std::sin(2.f * kPi * tau / 0.9f);
-      p.leg[0].flex = deg(12) * std::max(0.f, lift);
-      p.leg[1].flex = deg(12) * std::max(0.f, -lift);
-      p.leg[0].bend = 2.f * p.leg[0].flex + deg(3);
-      p.leg[1].bend = 2.f * p.leg[1].flex + deg(3);
-      return p;
-    }
-    case Activity::Sit: {
-      Pose p = rest;
-      const BodyDims dims = body_dims(shape_);
-      const float hipY = s.seatHeight + dims.thighR0 * 0.8f;
-      const float knee = std::asin(std::clamp((hipY - dims.ankleHeight) / dims.shinLen, 0.3f, 1.f));
-      for (int k = 0; k < 2; ++k) {
-        p.leg[k] = {deg(88), deg(9), 0.f, knee};
-        if (p.carry < 0.5f) p.arm[k] = {deg(25), deg(6), deg(-10), deg(60)};
-      }
-      p.lean = deg(6);
-      p.seat = 1.f;
-      p.seatHeight = s.seatHeight;
-      p.headYaw = deg(10) * std::sin(2.f * kPi * (0.05f * t + phase_));
-      return p;
-    }
-    default:
-      break;
-  }
-  // Gestures: from rest into the gesture and back within the step.
   Pose g = rest;
   float ramp = 0.7f;
   LimbPose& arm = g.arm[side];

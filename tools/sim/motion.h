@@ -51,6 +51,12 @@ class Timeline {
  private:
   Step& push(Activity a, float seconds);
   Pose step_pose(const Step& s, float t) const;
+  // The poses of the activities; t is the scene time, tau the time into the step, u its share of the step.
+  Pose stand_pose(const Pose& rest, float t) const;
+  Pose walk_pose(const Step& s, const Pose& rest, float t, float u) const;
+  Pose turn_pose(const Step& s, const Pose& rest, float tau, float u) const;
+  Pose sit_pose(const Step& s, const Pose& rest, float t) const;
+  Pose gesture_pose(const Step& s, const Pose& rest, float t) const;
   Pose rest_pose(const Step& s, float x, float z, float heading) const;
 
   BodyShape shape_;

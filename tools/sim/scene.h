@@ -10,13 +10,14 @@
 #include "body.h"
 #include "motion.h"
 #include "primitives.h"
+#include "tracker/tracker_options.h"
 
 namespace quorvik::sim {
 
 // Room coordinates: millimetres, floor at y = 0, y up.
 struct CameraSetup {
   uint32_t width = 320, height = 240;
-  float hfovDeg = 58.59f, vfovDeg = 45.64f;
+  float hfovDeg = skeleton::kDefaultHorizontalFovDegrees, vfovDeg = skeleton::kDefaultVerticalFovDegrees;
   Vec3 position{0, 1200, 0};
   float yaw = 0, pitch = 0, roll = 0;  // radians; positive pitch looks down, positive roll turns the image clockwise
   float emitterOffset = 75.f;          // projector position along the camera's x axis (mm)

@@ -94,66 +94,78 @@ float feature_value(const TrainingSet& set, const Sample& s, uint8_t kind, const
   return skeleton::get_frame_feature_value(kind, s.x, s.y, image.statistics);
 }
 
-skeleton::DecisionTree train_tree(const TrainingSet& set, const std::vector<uint32_t>& samples,
-                                  const std::array<float, kLabelCount>& weights, const TreeOptions& o,
-                                  const TreeProgressFn& progress, std::vector<uint32_t>* leafOf) {
-  skeleton::DecisionTree tree;
-  std::vector<uint32_t> order(samples.size());
-  for (uint32_t i = 0; i < order.size(); ++i) order[i] = i;  // positions into `samples`
-  std::vector<uint32_t> nodeOf(samples.size(), 0);
-  const uint32_t threads = std::max(1u, o.threads);
-  uint64_t samplesDone = 0;
+namespace {
 
-  auto sample_at = [&](uint32_t position) -> const Sample& { return set.samples[samples[order[position]]]; };
-  auto histogram_of = [&](uint32_t begin, uint32_t end) {
+// The state of one tree's growth, and its steps: one level at a time, the nodes that stay
+// open get their candidates (open_nodes), every candidate is judged on the node's subset in
+// parallel (choose_splits), and each node is split on its best one or becomes a leaf
+// (split_nodes).
+class TreeGrower {
+ public:
+  TreeGrower(const TrainingSet& set, const std::vector<uint32_t>& samples,
+             const std::array<float, kLabelCount>& weights, const TreeOptions& o)
+      : set_(set), samples_(samples), weights_(weights), o_(o), order_(samples.size()), nodeOf_(samples.size(), 0) {
+    for (uint32_t i = 0; i < order_.size(); ++i) order_[i] = i;  // positions into `samples`
+  }
+
+  skeleton::DecisionTree grow(const TreeProgressFn& progress, std::vector<uint32_t>* leafOf) {
+    tree_.nodes.push_back(skeleton::TreeNode{});
+    std::vector<OpenNode> level;
+    level.push_back(OpenNode{0, 0, static_cast<uint32_t>(order_.size()), {}, {}, {}});
+    for (uint32_t depth = 0; !level.empty(); ++depth) {
+      std::vector<OpenNode> open = open_nodes(level, depth);
+      choose_splits(open);
+      level = split_nodes(open);
+      if (progress) progress(TreeProgress{depth, samplesDone_, samples_.size()});
+    }
+    if (leafOf) *leafOf = std::move(nodeOf_);
+    return std::move(tree_);
+  }
+
+ private:
+  const Sample& sample_at(uint32_t position) const { return set_.samples[samples_[order_[position]]]; }
+
+  void make_leaf(uint32_t node, uint32_t begin, uint32_t end) {
     Histogram h{};
     for (uint32_t p = begin; p < end; ++p) {
       const uint8_t l = sample_at(p).label;
-      h[l] += weights[l];
+      h[l] += weights_[l];
     }
-    return h;
-  };
-  auto make_leaf = [&](uint32_t node, uint32_t begin, uint32_t end) {
-    const Histogram h = histogram_of(begin, end);
     double total = 0;
     for (double v : h) total += v;
     skeleton::LabelDistribution d;
     if (total > 0) {
       double kept = 0;
       for (uint32_t l = 0; l < kLabelCount; ++l) {
-        if (h[l] / total >= o.pruneBelow) kept += h[l];
+        if (h[l] / total >= o_.pruneBelow) kept += h[l];
       }
       for (uint32_t l = 0; l < kLabelCount; ++l) {
-        if (h[l] / total >= o.pruneBelow) d.probability[l] = static_cast<float>(h[l] / kept);
+        if (h[l] / total >= o_.pruneBelow) d.probability[l] = static_cast<float>(h[l] / kept);
       }
     }
     d.compute_best();
-    skeleton::TreeNode& n = tree.nodes[node];
+    skeleton::TreeNode& n = tree_.nodes[node];
     n = skeleton::TreeNode{};
     n.is_leaf = true;
-    n.target = tree.distributions.size();
-    tree.distributions.push_back(d);
-    for (uint32_t p = begin; p < end; ++p) nodeOf[order[p]] = node;
-    samplesDone += end - begin;
-  };
+    n.target = tree_.distributions.size();
+    tree_.distributions.push_back(d);
+    for (uint32_t p = begin; p < end; ++p) nodeOf_[order_[p]] = node;
+    samplesDone_ += end - begin;
+  }
 
-  tree.nodes.push_back(skeleton::TreeNode{});
-  std::vector<OpenNode> level;
-  level.push_back(OpenNode{0, 0, static_cast<uint32_t>(order.size()), {}, {}, {}});
-
-  for (uint32_t depth = 0; !level.empty(); ++depth) {
-    // Leaves first; the rest get their candidates and the subset that judges them.
+  // Leaves first; the rest get their candidates and the subset that judges them.
+  std::vector<OpenNode> open_nodes(std::vector<OpenNode>& level, uint32_t depth) {
     std::vector<OpenNode> open;
     for (OpenNode& n : level) {
-      if (depth >= o.maxDepth || n.end - n.begin < o.minSplit) {
+      if (depth >= o_.maxDepth || n.end - n.begin < o_.minSplit) {
         make_leaf(n.node, n.begin, n.end);
         continue;
       }
-      const uint64_t nodeSeed = sim::mix64(o.seed * 0x9E3779B97F4A7C15ull + n.node + 1);
-      n.candidates = make_candidates(o, nodeSeed);
+      const uint64_t nodeSeed = sim::mix64(o_.seed * 0x9E3779B97F4A7C15ull + n.node + 1);
+      n.candidates = make_candidates(o_, nodeSeed);
       const uint32_t count = n.end - n.begin;
-      n.subset.resize(std::min(count, o.nodeSubsample));
-      if (count <= o.nodeSubsample) {
+      n.subset.resize(std::min(count, o_.nodeSubsample));
+      if (count <= o_.nodeSubsample) {
         for (uint32_t i = 0; i < count; ++i) n.subset[i] = n.begin + i;
       } else {
         sim::Rng rng(nodeSeed ^ 0xA5A5);
@@ -164,8 +176,96 @@ skeleton::DecisionTree train_tree(const TrainingSet& set, const std::vector<uint
       }
       open.push_back(std::move(n));
     }
+    return open;
+  }
 
-    // Work items: a block of candidates of one node, sized so that items cost about the same.
+  // Buffers one thread reuses from item to item.
+  struct Scratch {
+    std::vector<Point> points;
+    std::vector<float> values;
+    std::vector<float> cuts;
+    std::vector<Histogram> bins;
+  };
+
+  // The best of candidates [first, last) of node n by the gain on its subset.
+  Choice best_of(const OpenNode& n, uint32_t first, uint32_t last, Scratch& w) const {
+    const size_t count = n.subset.size();
+    Histogram parent{};
+    for (uint32_t p : n.subset) {
+      const uint8_t l = sample_at(p).label;
+      parent[l] += weights_[l];
+    }
+    std::vector<uint8_t> present;
+    for (uint8_t l = 0; l < kLabelCount; ++l) {
+      if (parent[l] > 0) present.push_back(l);
+    }
+    const double parentEntropy = entropy(parent, present);
+    const uint32_t thresholds =
+        std::min<uint32_t>({o_.thresholds, kMaxThresholds, static_cast<uint32_t>(count / 4 + 1)});
+    Choice best;
+    // The node's samples gathered once per item, so the candidate loop reads them in order.
+    w.points.resize(count);
+    for (size_t j = 0; j < count; ++j) {
+      const Sample& sample = sample_at(n.subset[j]);
+      w.points[j] = Point{&set_.images[sample.image], sample.x, sample.y, sample.label};
+    }
+    w.values.resize(count);
+    for (uint32_t c = first; c < last; ++c) {
+      const Candidate& cand = n.candidates[c];
+      if (cand.kind == 0) {
+        for (size_t j = 0; j < count; ++j) {
+          w.values[j] = w.points[j].image->probe(w.points[j].x, w.points[j].y, cand.offsets);
+        }
+      } else {
+        for (size_t j = 0; j < count; ++j) {
+          w.values[j] = skeleton::get_frame_feature_value(cand.kind, w.points[j].x, w.points[j].y,
+                                                          w.points[j].image->statistics);
+        }
+      }
+      sim::Rng rng(sim::mix64(n.node * 131071ull + c) ^ o_.seed);
+      w.cuts.clear();
+      for (uint32_t t = 0; t < thresholds; ++t) {
+        // Half way between two sample values, so that a cut never sits on a value.
+        const float a = w.values[rng.next() % count];
+        const float b = w.values[rng.next() % count];
+        if (a != b) w.cuts.push_back(0.5f * (a + b));
+      }
+      if (w.cuts.empty()) continue;
+      std::sort(w.cuts.begin(), w.cuts.end());
+      w.cuts.erase(std::unique(w.cuts.begin(), w.cuts.end()), w.cuts.end());
+      // The bin of a value is the number of cuts at or below it: counted over a padded
+      // table without branches, which beats a binary search's mispredictions here.
+      float table[kMaxThresholds];
+      std::fill(std::begin(table), std::end(table), std::numeric_limits<float>::infinity());
+      std::copy(w.cuts.begin(), w.cuts.end(), table);
+      w.bins.assign(w.cuts.size() + 1, Histogram{});
+      for (size_t j = 0; j < count; ++j) {
+        // A value below the cut goes to the first child, as the tree kernels decide.
+        const float v = w.values[j];
+        uint32_t bin = 0;
+        for (uint32_t k = 0; k < kMaxThresholds; ++k) bin += v >= table[k] ? 1u : 0u;
+        const uint8_t l = w.points[j].label;
+        w.bins[bin][l] += weights_[l];
+      }
+      // bins[k] holds values in [cuts[k-1], cuts[k]); left of cut k = bins 0..k.
+      Histogram left{};
+      for (size_t k = 0; k < w.cuts.size(); ++k) {
+        Histogram right{};
+        for (uint8_t l : present) {
+          left[l] += w.bins[k][l];
+          right[l] = std::max(parent[l] - left[l], 0.0);
+        }
+        const double gain = parentEntropy - entropy(left, present) - entropy(right, present);
+        const Choice here{gain, c, w.cuts[k]};
+        if (here.better_than(best)) best = here;
+      }
+    }
+    return best;
+  }
+
+  // Every open node's best candidate, judged on its threads in work items: a block of one
+  // node's candidates, sized so that items cost about the same.
+  void choose_splits(std::vector<OpenNode>& open) const {
     struct Item {
       uint32_t node, first, last;
     };
@@ -179,84 +279,12 @@ skeleton::DecisionTree train_tree(const TrainingSet& set, const std::vector<uint
     std::vector<Choice> itemBest(items.size());
     std::atomic<size_t> next{0};
     auto work = [&] {
-      std::vector<Point> points;
-      std::vector<float> values;
-      std::vector<float> cuts;
-      std::vector<Histogram> bins;
+      Scratch scratch;
       for (size_t i; (i = next.fetch_add(1)) < items.size();) {
-        const Item& item = items[i];
-        const OpenNode& n = open[item.node];
-        const size_t count = n.subset.size();
-        Histogram parent{};
-        for (uint32_t p : n.subset) {
-          const uint8_t l = sample_at(p).label;
-          parent[l] += weights[l];
-        }
-        std::vector<uint8_t> present;
-        for (uint8_t l = 0; l < kLabelCount; ++l) {
-          if (parent[l] > 0) present.push_back(l);
-        }
-        const double parentEntropy = entropy(parent, present);
-        const uint32_t thresholds =
-            std::min<uint32_t>({o.thresholds, kMaxThresholds, static_cast<uint32_t>(count / 4 + 1)});
-        Choice best;
-        // The node's samples gathered once per item, so the candidate loop reads them in order.
-        points.resize(count);
-        for (size_t j = 0; j < count; ++j) {
-          const Sample& sample = sample_at(n.subset[j]);
-          points[j] = Point{&set.images[sample.image], sample.x, sample.y, sample.label};
-        }
-        values.resize(count);
-        for (uint32_t c = item.first; c < item.last; ++c) {
-          const Candidate& cand = n.candidates[c];
-          if (cand.kind == 0) {
-            for (size_t j = 0; j < count; ++j) values[j] = points[j].image->probe(points[j].x, points[j].y, cand.offsets);
-          } else {
-            for (size_t j = 0; j < count; ++j) {
-              values[j] = skeleton::get_frame_feature_value(cand.kind, points[j].x, points[j].y, points[j].image->statistics);
-            }
-          }
-          sim::Rng rng(sim::mix64(n.node * 131071ull + c) ^ o.seed);
-          cuts.clear();
-          for (uint32_t t = 0; t < thresholds; ++t) {
-            // Half way between two sample values, so that a cut never sits on a value.
-            const float a = values[rng.next() % count];
-            const float b = values[rng.next() % count];
-            if (a != b) cuts.push_back(0.5f * (a + b));
-          }
-          if (cuts.empty()) continue;
-          std::sort(cuts.begin(), cuts.end());
-          cuts.erase(std::unique(cuts.begin(), cuts.end()), cuts.end());
-          // The bin of a value is the number of cuts at or below it: counted over a padded
-          // table without branches, which beats a binary search's mispredictions here.
-          float table[kMaxThresholds];
-          std::fill(std::begin(table), std::end(table), std::numeric_limits<float>::infinity());
-          std::copy(cuts.begin(), cuts.end(), table);
-          bins.assign(cuts.size() + 1, Histogram{});
-          for (size_t j = 0; j < count; ++j) {
-            // A value below the cut goes to the first child, as the tree kernels decide.
-            const float v = values[j];
-            uint32_t bin = 0;
-            for (uint32_t k = 0; k < kMaxThresholds; ++k) bin += v >= table[k] ? 1u : 0u;
-            const uint8_t l = points[j].label;
-            bins[bin][l] += weights[l];
-          }
-          // bins[k] holds values in [cuts[k-1], cuts[k]); left of cut k = bins 0..k.
-          Histogram left{};
-          for (size_t k = 0; k < cuts.size(); ++k) {
-            Histogram right{};
-            for (uint8_t l : present) {
-              left[l] += bins[k][l];
-              right[l] = std::max(parent[l] - left[l], 0.0);
-            }
-            const double gain = parentEntropy - entropy(left, present) - entropy(right, present);
-            const Choice here{gain, c, cuts[k]};
-            if (here.better_than(best)) best = here;
-          }
-        }
-        itemBest[i] = best;
+        itemBest[i] = best_of(open[items[i].node], items[i].first, items[i].last, scratch);
       }
     };
+    const uint32_t threads = std::max(1u, o_.threads);
     std::vector<std::thread> workers;
     for (uint32_t t = 1; t < threads; ++t) workers.emplace_back(work);
     work();
@@ -265,9 +293,11 @@ skeleton::DecisionTree train_tree(const TrainingSet& set, const std::vector<uint
       OpenNode& n = open[items[i].node];
       if (itemBest[i].candidate != UINT32_MAX && itemBest[i].better_than(n.best)) n.best = itemBest[i];
     }
+  }
 
-    // Split every open node on its best choice; a split that leaves a child too small, or
-    // gains nothing, makes a leaf instead.
+  // Split every open node on its best choice; a split that leaves a child too small, or
+  // gains nothing, makes a leaf instead.
+  std::vector<OpenNode> split_nodes(std::vector<OpenNode>& open) {
     std::vector<OpenNode> nextLevel;
     std::vector<uint32_t> scratch;
     for (OpenNode& n : open) {
@@ -279,22 +309,22 @@ skeleton::DecisionTree train_tree(const TrainingSet& set, const std::vector<uint
       scratch.clear();
       uint32_t write = n.begin;
       for (uint32_t p = n.begin; p < n.end; ++p) {
-        if (feature_value(set, sample_at(p), cand.kind, cand.offsets) < n.best.threshold) {
-          order[write++] = order[p];
+        if (feature_value(set_, sample_at(p), cand.kind, cand.offsets) < n.best.threshold) {
+          order_[write++] = order_[p];
         } else {
-          scratch.push_back(order[p]);
+          scratch.push_back(order_[p]);
         }
       }
       const uint32_t mid = write;
-      std::copy(scratch.begin(), scratch.end(), order.begin() + mid);
-      if (mid - n.begin < o.minLeaf || n.end - mid < o.minLeaf) {
+      std::copy(scratch.begin(), scratch.end(), order_.begin() + mid);
+      if (mid - n.begin < o_.minLeaf || n.end - mid < o_.minLeaf) {
         make_leaf(n.node, n.begin, n.end);
         continue;
       }
-      const auto first = static_cast<uint32_t>(tree.nodes.size());
-      tree.nodes.push_back(skeleton::TreeNode{});
-      tree.nodes.push_back(skeleton::TreeNode{});
-      skeleton::TreeNode& split = tree.nodes[n.node];
+      const auto first = static_cast<uint32_t>(tree_.nodes.size());
+      tree_.nodes.push_back(skeleton::TreeNode{});
+      tree_.nodes.push_back(skeleton::TreeNode{});
+      skeleton::TreeNode& split = tree_.nodes[n.node];
       split = skeleton::TreeNode{};
       split.target = first;
       split.kind = cand.kind;
@@ -304,11 +334,25 @@ skeleton::DecisionTree train_tree(const TrainingSet& set, const std::vector<uint
       nextLevel.push_back(OpenNode{first, n.begin, mid, {}, {}, {}});
       nextLevel.push_back(OpenNode{first + 1, mid, n.end, {}, {}, {}});
     }
-    level = std::move(nextLevel);
-    if (progress) progress(TreeProgress{depth, samplesDone, samples.size()});
+    return nextLevel;
   }
-  if (leafOf) *leafOf = std::move(nodeOf);
-  return tree;
+
+  const TrainingSet& set_;
+  const std::vector<uint32_t>& samples_;
+  const std::array<float, kLabelCount>& weights_;
+  const TreeOptions& o_;
+  skeleton::DecisionTree tree_;
+  std::vector<uint32_t> order_;   // sample positions, each node's a contiguous range
+  std::vector<uint32_t> nodeOf_;  // per entry of samples_, its node
+  uint64_t samplesDone_ = 0;
+};
+
+}  // namespace
+
+skeleton::DecisionTree train_tree(const TrainingSet& set, const std::vector<uint32_t>& samples,
+                                  const std::array<float, kLabelCount>& weights, const TreeOptions& o,
+                                  const TreeProgressFn& progress, std::vector<uint32_t>* leafOf) {
+  return TreeGrower(set, samples, weights, o).grow(progress, leafOf);
 }
 
 }  // namespace quorvik::train
