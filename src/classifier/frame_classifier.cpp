@@ -85,16 +85,62 @@ void FrameClassifier::classify_segments(const op::Image<uint16_t>& depth,
                                         op::Image<PixelLabel>& labels,
                                         op::Image<uint8_t>& user_ids, float& score,
                                         RegionBox& region, op::ThreadPool& pool) {
-  const uint32_t width = depth.width();
-  const uint32_t height = depth.height();
-  const int32_t w = static_cast<int32_t>(width);
-  const int32_t h = static_cast<int32_t>(height);
-  flags_.resize(width, height);
-  working_flags_.resize(width, height);
+  flags_.resize(depth.width(), depth.height());
+  working_flags_.resize(depth.width(), depth.height());
 
   // 1. Flags and boxes.
-  int32_t target_box[4] = {w, h, -1, -1};
-  int32_t context_box[4] = {w, h, -1, -1};
+  int32_t target_box[4], context_box[4];
+  flag_pixels(depth, label_map, target_labels, context_labels, target_box, context_box);
+  // 2. Nothing to classify, or nothing a probe could read.
+  if (target_box[0] > target_box[2] || context_box[0] > context_box[2]) return;
+
+  // 3. Mean depth of the target pixels.
+  const float mean_depth = mean_target_depth(depth, target_box);
+
+  // 4. Working copy whose target bit is cleared as pixels get their result.
+  working_flags_ = flags_;
+
+  ClassifyParams params;
+  params.statistics = &statistics;
+  params.working_flags = &working_flags_;
+  params.target_box = target_box;
+  params.context_box = context_box;
+  params.mean_depth = mean_depth;
+  params.marker = kUnresolvedUser;
+  params.pool = &pool;
+  probes_.build(depth, working_flags_, context_box);
+  params.probes = &probes_;
+  features_.build(statistics, depth.width(), depth.height());
+  params.features = &features_;
+
+  // 5. Coarse to fine.
+  classify_levels(depth, params, labels, user_ids);
+  // 6. What is left takes a finished neighbour's label.
+  fill_unfinished(depth, target_box, labels, user_ids);
+  // 7. Score.
+  score = pass_score(labels, user_ids, target_box);
+
+  // 8. Region.
+  const int32_t x0 = target_box[0], y0 = target_box[1];
+  const int32_t x1 = target_box[2], y1 = target_box[3];
+  if (region.empty) {
+    region = {x0, y0, x1, y1, false};
+  } else {
+    region.x0 = std::min(region.x0, x0);
+    region.y0 = std::min(region.y0, y0);
+    region.x1 = std::max(region.x1, x1);
+    region.y1 = std::max(region.y1, y1);
+  }
+}
+
+void FrameClassifier::flag_pixels(const op::Image<uint16_t>& depth, const op::Image<uint16_t>& label_map,
+                                  std::span<const uint16_t> target_labels, std::span<const uint16_t> context_labels,
+                                  int32_t target_box[4], int32_t context_box[4]) {
+  const int32_t w = static_cast<int32_t>(depth.width());
+  const int32_t h = static_cast<int32_t>(depth.height());
+  for (int32_t* box : {target_box, context_box}) {
+    box[0] = w, box[1] = h, box[2] = -1, box[3] = -1;
+  }
   auto grow = [](int32_t* box, int32_t first, int32_t last, int32_t y) {
     box[0] = std::min(box[0], first);
     box[1] = std::min(box[1], y);
@@ -141,12 +187,11 @@ void FrameClassifier::classify_segments(const op::Image<uint16_t>& depth,
   }
   for (uint16_t label : target_labels) label_bits_[label] = 0;
   for (uint16_t label : context_labels) label_bits_[label] = 0;
-  // 2. Nothing to classify, or nothing a probe could read.
-  if (target_box[0] > target_box[2] || context_box[0] > context_box[2]) return;
-  const int32_t x0 = target_box[0], y0 = target_box[1];
-  const int32_t x1 = target_box[2], y1 = target_box[3];
+}
 
-  // 3. Mean depth of the target pixels.
+float FrameClassifier::mean_target_depth(const op::Image<uint16_t>& depth, const int32_t box[4]) const {
+  const int32_t x0 = box[0], y0 = box[1];
+  const int32_t x1 = box[2], y1 = box[3];
   float depth_sum = 0.f;
   uint32_t depth_count = 0;
   for (int32_t y = y0; y <= y1; ++y) {
@@ -157,25 +202,17 @@ void FrameClassifier::classify_segments(const op::Image<uint16_t>& depth,
       }
     }
   }
-  const float mean_depth = depth_sum / static_cast<float>(depth_count);
+  return depth_sum / static_cast<float>(depth_count);
+}
 
-  // 4. Working copy whose target bit is cleared as pixels get their result.
-  working_flags_ = flags_;
-
-  ClassifyParams params;
-  params.statistics = &statistics;
-  params.working_flags = &working_flags_;
-  params.target_box = target_box;
-  params.context_box = context_box;
-  params.mean_depth = mean_depth;
-  params.marker = kUnresolvedUser;
-  params.pool = &pool;
-  probes_.build(depth, working_flags_, context_box);
-  params.probes = &probes_;
-  features_.build(statistics, width, height);
-  params.features = &features_;
-
-  // 5. Coarse to fine: classify the grid, then copy each result to the half-step pixels
+void FrameClassifier::classify_levels(const op::Image<uint16_t>& depth, ClassifyParams& params,
+                                      op::Image<PixelLabel>& labels, op::Image<uint8_t>& user_ids) {
+  const int32_t w = static_cast<int32_t>(depth.width());
+  const int32_t h = static_cast<int32_t>(depth.height());
+  const int32_t* box = params.target_box;
+  const int32_t x0 = box[0], y0 = box[1];
+  const int32_t x1 = box[2], y1 = box[3];
+  // Classify the grid, then copy each result to the half-step pixels
   // between grid points whose labels agree.
   for (uint32_t level = 3; level >= 1; --level) {
     params.level = level;
@@ -206,8 +243,15 @@ void FrameClassifier::classify_segments(const op::Image<uint16_t>& depth,
       }
     }
   }
+}
 
-  // 6. Whatever is left takes the label of a finished neighbour of similar depth; the
+void FrameClassifier::fill_unfinished(const op::Image<uint16_t>& depth, const int32_t box[4],
+                                      op::Image<PixelLabel>& labels, op::Image<uint8_t>& user_ids) const {
+  const int32_t w = static_cast<int32_t>(depth.width());
+  const int32_t h = static_cast<int32_t>(depth.height());
+  const int32_t x0 = box[0], y0 = box[1];
+  const int32_t x1 = box[2], y1 = box[3];
+  // Whatever is left takes the label of a finished neighbour of similar depth; the
   // first of equally near neighbours wins.
   static constexpr int kNeighbours[8][2] = {{-1, -1}, {0, -1}, {1, -1}, {-1, 0},
                                             {1, 0},   {-1, 1}, {0, 1},  {1, 1}};
@@ -241,8 +285,13 @@ void FrameClassifier::classify_segments(const op::Image<uint16_t>& depth,
       if (best >= 0) labels.at(x, y) = labels.at(x + kNeighbours[best][0], y + kNeighbours[best][1]);
     }
   }
+}
 
-  // 7. Score: mean probability of this pass's pixels (0/0 = NaN without any). Every pixel
+float FrameClassifier::pass_score(const op::Image<PixelLabel>& labels, const op::Image<uint8_t>& user_ids,
+                                  const int32_t box[4]) {
+  const int32_t x0 = box[0], y0 = box[1];
+  const int32_t x1 = box[2], y1 = box[3];
+  // 0/0 = NaN without any pixel. Every pixel
   // this pass marked lies in the target box, and the marks of earlier passes were
   // rewritten before it began, so the box holds them all, in image order.
   float probability_sum = 0.f;
@@ -257,17 +306,7 @@ void FrameClassifier::classify_segments(const op::Image<uint16_t>& depth,
       }
     }
   }
-  score = probability_sum / static_cast<float>(marked);
-
-  // 8. Region.
-  if (region.empty) {
-    region = {x0, y0, x1, y1, false};
-  } else {
-    region.x0 = std::min(region.x0, x0);
-    region.y0 = std::min(region.y0, y0);
-    region.x1 = std::max(region.x1, x1);
-    region.y1 = std::max(region.y1, y1);
-  }
+  return probability_sum / static_cast<float>(marked);
 }
 
 void FrameClassifier::classify_subframe_LOD_parallel(const op::Image<uint16_t>& depth,

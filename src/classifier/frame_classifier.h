@@ -89,6 +89,22 @@ class FrameClassifier {
                                                 op::HelpGauge* gauge = nullptr);
 
  private:
+  // The steps of one pass. The boxes are {x0, y0, x1, y1}, inclusive; empty when x0 > x1.
+  // Flags the pixels of both lists and bounds each kind by its box.
+  void flag_pixels(const op::Image<uint16_t>& depth, const op::Image<uint16_t>& label_map,
+                   std::span<const uint16_t> target_labels, std::span<const uint16_t> context_labels,
+                   int32_t target_box[4], int32_t context_box[4]);
+  float mean_target_depth(const op::Image<uint16_t>& depth, const int32_t box[4]) const;
+  // Every grid level from the coarsest, each result copied to the pixels between agreeing
+  // grid points.
+  void classify_levels(const op::Image<uint16_t>& depth, ClassifyParams& params, op::Image<PixelLabel>& labels,
+                       op::Image<uint8_t>& user_ids);
+  void fill_unfinished(const op::Image<uint16_t>& depth, const int32_t box[4], op::Image<PixelLabel>& labels,
+                       op::Image<uint8_t>& user_ids) const;
+  // Mean probability of the pixels the pass marked in its box.
+  static float pass_score(const op::Image<PixelLabel>& labels, const op::Image<uint8_t>& user_ids,
+                          const int32_t box[4]);
+
   // Combines the leaves of grid rows share, share + shares, ... of the level.
   static void accumulate_rows(const PackedForest& forest, const std::vector<op::Image<uint32_t>>& node_images,
                               const ClassifyParams& params, op::Image<PixelLabel>& labels,
