@@ -300,6 +300,7 @@ class UserSegmenter {
   Group groups_[kMaxGroupRegions];
   int32_t groupCount_ = 0;
   PendingPerson pending_[kMaxPending];
+  int64_t keep_still_parts(double meanDepth, Box3D<int>& box);
   int64_t cut_still_person(const Group& group, Box3D<int>& box);
   bool still_pixel(int32_t x, int32_t y, uint16_t region) const;
   bool has_head(const Box3D<int>& box) const;

@@ -163,14 +163,19 @@ int64_t UserSegmenter::cut_still_person(const Group& g, Box3D<int>& box) {
     uint8_t* m = stillMask_.row(y);
     for (int32_t x = g.minX; x <= g.maxX; ++x) m[x] = 0;
   }
+  return keep_still_parts(g.meanDepth, box);
+}
+
+// Of the connected parts of a cut (stillParts_), the largest stays, and with it, one after
+// another, the parts that come near what already belongs to it: a box held at the chest hides
+// the shoulders, and the projector's shadow along its top edge leaves a gap of a few rows
+// between the head and the rest. Writes them into stillMask_; returns their area (mm2).
+int64_t UserSegmenter::keep_still_parts(double meanDepth, Box3D<int>& box) {
   box.reset();
   if (stillParts_.empty()) return 0;
   const StillPart& largest = *std::max_element(
       stillParts_.begin(), stillParts_.end(), [](const StillPart& a, const StillPart& b) { return a.count < b.count; });
-  // Parts join the person when they come near what already belongs to it, one after another:
-  // a box held at the chest hides the shoulders, and the projector's shadow along its top
-  // edge leaves a gap of a few rows between the head and the rest.
-  const int32_t reachGap = std::max(kGroupTouch, int32_t(kStillPartGap / pixel_size(g.meanDepth)));
+  const int32_t reachGap = std::max(kGroupTouch, int32_t(kStillPartGap / pixel_size(meanDepth)));
   Box3D<int> reach = largest.box;
   stillTaken_.assign(stillParts_.size(), 0);
   stillTaken_[size_t(&largest - stillParts_.data())] = 1;
