@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <stdexcept>
+#include <vector>
 
 namespace quorvik::skeleton {
 
@@ -12,20 +13,19 @@ namespace {
 
 void FeatureTable::build(const UserStatistics& s, uint32_t width, uint32_t height) {
   // The same expressions as get_frame_feature_value's, so the same roundings.
-  columns.resize(size_t{width} * 3);
-  for (uint32_t x = 0; x < width; ++x) {
-    const float fx = static_cast<float>(x);
-    columns[3 * x] = (fx - s.meanX) * 0.5f / s.halfExtentX;
-    columns[3 * x + 1] = (fx - s.meanX) * 0.5f / s.halfExtentX + 0.5f;
-    columns[3 * x + 2] = fx / static_cast<float>(s.imageHeight);
-  }
-  rows.resize(size_t{height} * 3);
-  for (uint32_t y = 0; y < height; ++y) {
-    const float fy = static_cast<float>(y);
-    rows[3 * y] = (fy - s.meanY) * 0.5f / s.halfExtentY;
-    rows[3 * y + 1] = (fy - s.meanY) * 0.5f / s.halfExtentY + 0.5f;
-    rows[3 * y + 2] = fy / static_cast<float>(s.imageHeight);
-  }
+  // Per column and per row: position against the user's mean, the same shifted by a half, and
+  // position against the image height.
+  auto fill = [&](std::vector<float>& out, uint32_t n, float mean, float halfExtent) {
+    out.resize(size_t{n} * 3);
+    for (uint32_t i = 0; i < n; ++i) {
+      const float f = static_cast<float>(i);
+      out[3 * i] = (f - mean) * 0.5f / halfExtent;
+      out[3 * i + 1] = (f - mean) * 0.5f / halfExtent + 0.5f;
+      out[3 * i + 2] = f / static_cast<float>(s.imageHeight);
+    }
+  };
+  fill(columns, width, s.meanX, s.halfExtentX);
+  fill(rows, height, s.meanY, s.halfExtentY);
   const float fixed[7] = {s.relativeWidth,      s.relativeHeight,   s.borderFraction,   s.topEdgeFraction,
                           s.bottomEdgeFraction, s.leftEdgeFraction, s.rightEdgeFraction};
   std::copy(fixed, fixed + 7, constants);
