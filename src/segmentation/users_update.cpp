@@ -221,7 +221,7 @@ void UserSegmenter::drop_still_objects() {
     const bool still = weight > 0 && unchanged * 1000 >= weight * kObjectStillPerMille;
     user.stillFrames = still ? user.stillFrames + 1 : 0;
     if (!still) user.objectNo = 0;
-    if (asked || objectDropped_ || user.age <= kProbationAge || user.stillFrames < kObjectStillFrames ||
+    if (asked || user.age <= kProbationAge || user.stillFrames < kObjectStillFrames ||
         user.worldHeight >= kPersonHeight || frame_ < user.nextObjectCheck || user.labelPixels == 0 ||
         user.labelPixels * 2 < user.peakPixels || user.maxWorldHeight >= kObjectTallest) {
       continue;
